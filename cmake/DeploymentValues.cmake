@@ -1,0 +1,15 @@
+# Values a deployment supplies. Outside build scripts set these by name.
+set(VELMORA_VERSION "1.0.0" CACHE STRING "Version reported to pages in \"hello\"")
+set(VELMORA_BUILTIN_ORIGINS
+    "https://app.velmora.example;https://velmora.example;https://www.velmora.example"
+    CACHE STRING "The web application's three origins: app host, bare domain, www. form")
+set(VELMORA_PRODUCTION_KEY "" CACHE STRING
+    "Production pass key: base64 of a 65-byte uncompressed P-256 point (may be empty in development)")
+set(VELMORA_DEV_KEYS "" CACHE STRING "Development pass keys (list, same form); empty in release builds")
+set(VELMORA_WEB_APP_URL "https://app.velmora.example" CACHE STRING "Address of the web application")
+option(VELMORA_GUI "Build the Qt tray front end" OFF)
+
+list(LENGTH VELMORA_BUILTIN_ORIGINS velmoraOriginCount)
+if(NOT velmoraOriginCount EQUAL 3)
+    message(FATAL_ERROR "VELMORA_BUILTIN_ORIGINS must hold exactly three origins")
+endif()

@@ -1,0 +1,134 @@
+#include "config/SerialQueue.h"
+
+#include <pthread.h>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace velmora {
+namespace {
+
+thread_local const SerialQueue* currentQueue = nullptr;
+
+class SteadyQueueTimer final : public QueueTimer {
+public:
+    SteadyQueueTimer(boost::asio::io_context& context, SerialQueue::Duration interval,
+                     std::function<void()> work)
+        : timer_(context), interval_(interval), work_(std::move(work)) {}
+
+    void arm(std::chrono::steady_clock::time_point deadline) {
+        timer_.expires_at(deadline);
+        wait();
+    }
+
+    void cancel() override {
+        cancelled_ = true;
+        // The asio timer itself is only touched on its own loop.
+        boost::asio::post(timer_.get_executor(),
+                          [self = shared_from_this(), this] { timer_.cancel(); });
+    }
+
+    bool isCancelled() const override { return cancelled_; }
+
+private:
+    void wait() {
+        timer_.async_wait([self = shared_from_this(), this](const boost::system::error_code& error) {
+            if (error || cancelled_) return;
+            work_();
+            if (cancelled_ || interval_ == SerialQueue::Duration::zero()) return;
+            auto next = timer_.expiry() + interval_;
+            auto now = std::chrono::steady_clock::now();
+            timer_.expires_at(next < now ? now : next);
+            wait();
+        });
+    }
+
+    boost::asio::steady_timer timer_;
+    SerialQueue::Duration interval_;
+    std::function<void()> work_;
+    std::atomic<bool> cancelled_{false};
+};
+
+}  // namespace
+
+SerialQueue::SerialQueue(std::string name)
+    : name_(std::move(name)), context_(1), workGuard_(context_.get_executor()) {
+    thread_ = std::thread([this] {
+        // Linux limits thread names to 15 characters; keep the distinctive end of the label.
+        std::string shortName = name_.size() > 15 ? name_.substr(name_.size() - 15) : name_;
+        pthread_setname_np(pthread_self(), shortName.c_str());
+        loop();
+    });
+}
+
+SerialQueue::SerialQueue(std::string name, CallerThread)
+    : name_(std::move(name)), context_(1), workGuard_(context_.get_executor()) {}
+
+SerialQueue::~SerialQueue() {
+    stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+void SerialQueue::loop() {
+    currentQueue = this;
+    context_.run();
+    currentQueue = nullptr;
+}
+
+void SerialQueue::run() { loop(); }
+
+void SerialQueue::stop() {
+    stopped_ = true;
+    workGuard_.reset();
+    context_.stop();
+}
+
+void SerialQueue::post(std::function<void()> work) {
+    boost::asio::post(context_, std::move(work));
+}
+
+void SerialQueue::runAndWait(const std::function<void()>& work) {
+    if (isCurrent()) {
+#ifndef NDEBUG
+        std::fprintf(stderr, "runAndWait called on its own queue %s: this would deadlock\n",
+                     name_.c_str());
+        std::abort();
+#else
+        throw std::logic_error("runAndWait called on its own queue " + name_);
+#endif
+    }
+    if (stopped_) throw std::logic_error("queue " + name_ + " is stopped");
+    std::promise<void> done;
+    auto finished = done.get_future();
+    post([&] {
+        try {
+            work();
+            done.set_value();
+        } catch (...) {
+            done.set_exception(std::current_exception());
+        }
+    });
+    finished.get();
+}
+
+std::shared_ptr<QueueTimer> SerialQueue::runAfter(Duration delay, std::function<void()> work) {
+    auto timer = std::make_shared<SteadyQueueTimer>(context_, Duration::zero(), std::move(work));
+    auto deadline = std::chrono::steady_clock::now() + delay;
+    boost::asio::post(context_, [timer, deadline] { timer->arm(deadline); });
+    return timer;
+}
+
+std::shared_ptr<QueueTimer> SerialQueue::repeat(Duration first, Duration interval, Duration,
+                                                std::function<void()> work) {
+    auto timer = std::make_shared<SteadyQueueTimer>(context_, interval, std::move(work));
+    auto deadline = std::chrono::steady_clock::now() + first;
+    boost::asio::post(context_, [timer, deadline] { timer->arm(deadline); });
+    return timer;
+}
+
+bool SerialQueue::isCurrent() const { return currentQueue == this; }
+
+}  // namespace velmora
