@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Installs everything the helper and its tests need from Debian 12's archive. Idempotent: when
+# every package is present it prints nothing and touches nothing.
+set -euo pipefail
+
+packages=(
+    # build
+    cmake ninja-build g++ pkg-config clang-format
+    # libraries
+    libboost1.81-dev libboost-url1.81-dev libssl-dev nlohmann-json3-dev libsoxr-dev libpulse-dev
+    libsystemd-dev
+    # tests and benchmarks
+    googletest libgtest-dev libgmock-dev libbenchmark-dev clang-14 libfuzzer-14-dev
+    # sound servers for the capture tests and the demo
+    pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus-daemon dbus-bin
+    sox espeak-ng procps
+    # the browser test
+    chromium
+)
+# Node and npm may come with the machine; Debian's own are the fallback.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+    packages+=(nodejs npm)
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$package")
+    fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+echo "Installing from Debian: ${missing[*]}"
+$sudo apt-get update -qq
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
