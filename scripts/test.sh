@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Sets up a fresh Debian 12 machine and runs the whole test suite.
+#   scripts/test.sh              debug build: unit, integration, sound-server and browser tests
+#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, fuzzers and benchmarks
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+full=0
+for argument in "$@"; do
+    case "$argument" in
+        --full) full=1 ;;
+        *) echo "usage: scripts/test.sh [--full]" >&2; exit 2 ;;
+    esac
+done
+
+bash scripts/install-deps.sh
+jobs=$(nproc)
+
+run_preset() {
+    local preset=$1
+    echo "== ${preset}: configure and build"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" -j "$jobs"
+    echo "== ${preset}: tests"
+    ctest --preset "$preset" -j "$jobs"
+}
+
+run_preset dev
+
+if [ -f web/run-tests.sh ]; then
+    echo "== page side: client library, pass issuing and the browser test"
+    VELMORA_HELPER_BINARY="$PWD/build/dev/src/app/velmora-audio-helper" \
+VELMORA_PASS_BINARY="$PWD/build/dev/tools/velmora-pass/velmora-pass" \
+        bash web/run-tests.sh
+fi
+
+if [ "$full" -eq 1 ]; then
+    run_preset asan
+    run_preset tsan
+
+    if [ -f fuzz/run-all.sh ]; then
+        echo "== fuzzers: 60 s each from the committed seed corpus"
+        cmake --preset fuzz >/dev/null
+        cmake --build --preset fuzz -j "$jobs"
+        bash fuzz/run-all.sh build/fuzz 60
+    fi
+
+    echo "== benchmarks (short run, no time assertion)"
+    for benchmark in build/dev/bench/*_benchmark; do
+        [ -x "$benchmark" ] && "$benchmark" --benchmark_min_time=0.05
+    done
+fi
