@@ -8,7 +8,7 @@ namespace velmora {
 
 // Which processes are taking microphone input now, as application identifiers.
 class MicrophoneUsers {
-public:
+  public:
     virtual ~MicrophoneUsers() = default;
 
     // Identifiers in the order the audio system lists its streams; duplicates allowed, never an
