@@ -14,6 +14,8 @@
 
 namespace velmora {
 
+class MonotonicClock;
+class RepeatingTimerFactory;
 class SerialQueue;
 
 // Delays of the capture lifecycle; tests shorten them.
@@ -26,12 +28,17 @@ struct CaptureTimings {
 // start/stop/rebuild are called from one queue (the server's); the device listener, its debounce
 // and the retry delays run on the main queue and only call restartHandler.
 class SystemAudioCapture : public std::enable_shared_from_this<SystemAudioCapture> {
-public:
+  public:
     using Frame = std::vector<std::byte>;  // 6 400 bytes: 1 600 little-endian float32 samples
 
     static std::shared_ptr<SystemAudioCapture> create(std::unique_ptr<AudioTap> tap,
                                                       SerialQueue& mainQueue,
                                                       CaptureTimings timings = {});
+    // The same with the frame pipeline's clock and padding timers supplied (tests move time by
+    // hand).
+    static std::shared_ptr<SystemAudioCapture> create(
+        std::unique_ptr<AudioTap> tap, SerialQueue& mainQueue, CaptureTimings timings,
+        std::shared_ptr<MonotonicClock> clock, std::shared_ptr<RepeatingTimerFactory> timers);
     ~SystemAudioCapture();
 
     void start();  // throws CaptureError; a no-op when running
@@ -45,9 +52,18 @@ public:
     void setOnFailed(std::function<void(std::string)> onFailed);
     void setRestartHandler(std::function<void()> restartHandler);
 
-private:
+  private:
     SystemAudioCapture(std::unique_ptr<AudioTap> tap, SerialQueue& mainQueue,
-                       CaptureTimings timings);
+                       CaptureTimings timings, std::shared_ptr<MonotonicClock> clock,
+                       std::shared_ptr<RepeatingTimerFactory> timers);
+
+    void createTapAndDevice();
+    void startIO();
+    void teardown();
+    void installDefaultOutputListener();
+    void deviceChanged();
+    void callRestartHandler();
+
     struct State;
     std::unique_ptr<State> state_;
 };
