@@ -1,0 +1,90 @@
+#pragma once
+
+#include <pulse/channelmap.h>
+#include <pulse/context.h>
+#include <pulse/sample.h>
+#include <pulse/stream.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "capture/AudioTap.h"
+#include "capture/pulse/PulseLoop.h"
+
+namespace velmora {
+
+class DefaultSinkWatch;
+
+// The system audio tap on a PulseAudio-protocol sound server (PulseAudio itself, or PipeWire's
+// pulse server): records the monitor of the server's default sink as interleaved float32 at the
+// sink's own rate and channel count.
+//
+// One threaded main loop serves everything. Each tap connects a context of its own (created by
+// createTap, released by teardown); the default-sink watch keeps a separate context for the
+// tap's whole life, so news of changes keeps coming while no tap exists and across rebuilds.
+// Every wait on the server is bounded by `timeout`, so a hung server fails a step instead of
+// blocking the caller.
+class PulseAudioTap final : public AudioTap {
+  public:
+    struct Options {
+        // The server to use, as in PULSE_SERVER ("unix:/path", "tcp:host:port"); when absent,
+        // libpulse's own choice (PULSE_SERVER, then the user's session server).
+        std::optional<std::string> server;
+        // The longest wait for any one answer from the server.
+        std::chrono::milliseconds timeout{5000};
+        // The size of the fragments the server delivers.
+        std::chrono::milliseconds fragment{10};
+    };
+
+    PulseAudioTap();
+    explicit PulseAudioTap(Options options);
+    ~PulseAudioTap() override;
+
+    TapStreamFormat createTap() override;
+    void createDevice() override;
+    void startIO(SerialQueue& queue, InputHandler handler) override;
+    void teardown() override;
+    bool hasTap() const override;
+    // `changed` runs on the main loop's thread; it must only hand the news on (post), never call
+    // back into this tap.
+    void installDefaultOutputListener(std::function<void()> changed) override;
+
+    // The source the tap records from (the default sink's monitor); empty without a tap.
+    std::string monitorSourceName() const;
+
+  private:
+    struct Delivery;
+
+    static void onContextState(pa_context* context, void* userdata);
+    static void onStreamState(pa_stream* stream, void* userdata);
+    static void onStreamMoved(pa_stream* stream, void* userdata);
+    static void onRead(pa_stream* stream, std::size_t bytes, void* userdata);
+
+    [[noreturn]] void throwPulseError(const std::string& what, int error);
+    void connectContextLocked();
+    std::string defaultSinkNameLocked();
+    void lookUpSinkLocked(const std::string& sinkName);
+    void releaseStreamLocked();
+    void reportBrokenLocked();
+
+    Options options_;
+    std::unique_ptr<PulseLoop> loop_;
+
+    // Guarded by the loop's lock.
+    pa_context* context_ = nullptr;
+    pa_stream* stream_ = nullptr;
+    pa_sample_spec sampleSpec_{};
+    pa_channel_map channelMap_{};
+    std::string monitorSource_;
+    bool running_ = false;  // a running stream or context that breaks is reported
+    std::shared_ptr<Delivery> delivery_;
+    std::function<void()> changed_;
+
+    std::unique_ptr<DefaultSinkWatch> watch_;
+};
+
+}  // namespace velmora
