@@ -23,6 +23,15 @@ struct Logger {
     Logger()
         : subsystem(AudioKit::config().logSubsystem),
           file(LogFile::defaultFolder(), AudioKit::config().logFileName) {}
+
+    // At process exit, lines still queued are written rather than dropped with the queue.
+    ~Logger() {
+        if (queue.isCurrent()) return;
+        try {
+            queue.runAndWait([] {});
+        } catch (...) {
+        }
+    }
 };
 
 Logger& logger() {

@@ -81,7 +81,8 @@ void SerialQueue::loop() {
 void SerialQueue::run() { loop(); }
 
 void SerialQueue::stop() {
-    stopped_ = true;
+    // The destructor stops too, possibly after another thread did; the guard is reset only once.
+    if (stopped_.exchange(true)) return;
     workGuard_.reset();
     context_.stop();
 }
