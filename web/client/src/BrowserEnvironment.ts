@@ -30,6 +30,8 @@ export interface BrowserEnvironment {
   refusesLoopbackWebSocket(): boolean;
   /** Whether anything answers plain HTTP at the given address (see probeHttp). */
   probeHttp(url: string): Promise<boolean>;
+  /** Whether the page itself comes from this computer (localhost), where no permission applies. */
+  pageIsLoopback(): boolean;
 }
 
 // Chrome 145 onwards names the loopback part of the permission 'loopback-network'; Chrome 142-144
@@ -71,6 +73,18 @@ export function isWebKitRefusingLoopback(userAgent: string, pageProtocol: string
   return iosShell || desktopSafari;
 }
 
+/** Whether a host name names this computer's loopback interface. */
+export function isLoopbackHost(hostname: string): boolean {
+  const host = hostname.toLowerCase();
+  return (
+    host === 'localhost' ||
+    host.endsWith('.localhost') ||
+    /^127(\.\d{1,3}){3}$/.test(host) ||
+    host === '[::1]' ||
+    host === '::1'
+  );
+}
+
 /**
  * Sends a plain HTTP GET (no-cors, so nothing of the answer is readable) to the address and
  * reports whether any HTTP answer came back. Used only after a WebSocket failed before opening.
@@ -105,5 +119,6 @@ export function browserEnvironment(overrides: Partial<BrowserEnvironment> = {}):
       overrides.refusesLoopbackWebSocket ??
       (() => isWebKitRefusingLoopback(global.navigator?.userAgent ?? '', global.location?.protocol ?? '')),
     probeHttp: overrides.probeHttp ?? ((url) => probeHttp(url)),
+    pageIsLoopback: overrides.pageIsLoopback ?? (() => isLoopbackHost(global.location?.hostname ?? '')),
   };
 }

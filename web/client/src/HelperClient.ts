@@ -166,6 +166,7 @@ export class HelperClient extends Emitter<HelperClientEvents> {
   #hello: HelloMessage | null = null;
   #wanted = false;
   #everConnected = false;
+  #userStarted = false;
   #resumeWanted = false;
   #attemptId = 0;
   #retryDelayMs = 0;
@@ -332,9 +333,16 @@ export class HelperClient extends Emitter<HelperClientEvents> {
       this.#setState(blocked('local-network-denied'));
       return;
     }
-    // Only prompt the user in answer to something they did; once a connection has worked, the
-    // browser evidently lets this page through and reconnecting needs no gesture.
-    if (permission === 'prompt' && !gesture && !this.#everConnected) {
+    // Only let the browser ask the user in answer to something they did. Once they have clicked
+    // (or a connection has worked) retries go ahead: the browser has asked by then. A page served
+    // from localhost is never asked, so it needs no click either.
+    if (
+      permission === 'prompt' &&
+      !gesture &&
+      !this.#userStarted &&
+      !this.#everConnected &&
+      !this.#env.pageIsLoopback()
+    ) {
       this.#setState({
         state: 'needs-gesture',
         message:
@@ -343,6 +351,7 @@ export class HelperClient extends Emitter<HelperClientEvents> {
       });
       return;
     }
+    if (gesture) this.#userStarted = true;
     this.#openSocket();
   }
 

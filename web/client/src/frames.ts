@@ -4,7 +4,7 @@ const hostIsLittleEndian = new Uint8Array(new Uint16Array([1]).buffer)[0] === 1;
  * Copies one binary audio message (little-endian 32-bit floats) into a new Float32Array that the
  * caller owns. Trailing bytes that do not make a whole sample are ignored.
  */
-export function decodeFrame(data: ArrayBuffer | ArrayBufferView): Float32Array {
+export function decodeFrame(data: ArrayBuffer | ArrayBufferView): Float32Array<ArrayBuffer> {
   const bytes = ArrayBuffer.isView(data)
     ? new Uint8Array(data.buffer, data.byteOffset, data.byteLength)
     : new Uint8Array(data);

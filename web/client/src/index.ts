@@ -24,6 +24,7 @@ export { decodeFrame } from './frames.js';
 export { createHelperMediaStream, type HelperMediaStream, type HelperMediaStreamOptions } from './mediaStream.js';
 export { encodeWav, measureLevel, SampleHistory, type Level, type WavOptions } from './recording.js';
 export {
+  isLoopbackHost,
   isWebKitRefusingLoopback,
   type BrowserEnvironment,
   type LocalNetworkPermission,

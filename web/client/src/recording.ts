@@ -35,7 +35,7 @@ export class SampleHistory {
   }
 
   /** The last `count` samples held (all of them when omitted), oldest first, as a copy. */
-  latest(count = this.length): Float32Array {
+  latest(count = this.length): Float32Array<ArrayBuffer> {
     const n = Math.max(0, Math.min(count, this.length));
     const out = new Float32Array(n);
     const start = (((this.#written - n) % this.capacity) + this.capacity) % this.capacity;
@@ -57,7 +57,7 @@ export interface WavOptions {
 }
 
 /** A mono WAV file of the samples. */
-export function encodeWav(samples: Float32Array, options: WavOptions = {}): Uint8Array {
+export function encodeWav(samples: Float32Array, options: WavOptions = {}): Uint8Array<ArrayBuffer> {
   const sampleRate = options.sampleRate ?? SAMPLE_RATE;
   const float = options.format === 'float32';
   const bytesPerSample = float ? 4 : 2;

@@ -1,6 +1,6 @@
 import { afterEach, beforeEach, describe, expect, it } from 'vitest';
 import { vi } from 'vitest';
-import { isWebKitRefusingLoopback } from '../src/BrowserEnvironment.js';
+import { isLoopbackHost, isWebKitRefusingLoopback } from '../src/BrowserEnvironment.js';
 import { HelperClient } from '../src/HelperClient.js';
 import { FakeWebSocket } from './FakeWebSocket.js';
 import { connectReady, makeClient, tick } from './harness.js';
@@ -308,6 +308,38 @@ describe('what the browser allows', () => {
       await tick();
       expect(FakeWebSocket.instances).toHaveLength(1);
     }
+  });
+
+  it('keeps retrying without a gesture after the user clicked once, while still "prompt"', async () => {
+    const { client, browser } = makeClient({}, { permission: 'prompt', gesture: true });
+    void client.connect();
+    await tick();
+    browser.gesture = false;
+    FakeWebSocket.latest.failToConnect();
+    await tick();
+    expect(client.status.state).toBe('helper-not-running');
+    await tick(client.status.retryInMs!);
+    expect(FakeWebSocket.instances).toHaveLength(2);
+  });
+
+  it('needs no gesture on a page served from localhost, which the browser never asks about', async () => {
+    const { client } = makeClient({}, { permission: 'prompt', gesture: false, loopbackPage: true });
+    void client.connect();
+    await tick();
+    expect(FakeWebSocket.instances).toHaveLength(1);
+  });
+
+  it.each([
+    ['localhost', true],
+    ['app.localhost', true],
+    ['127.0.0.1', true],
+    ['127.1.2.3', true],
+    ['[::1]', true],
+    ['app.velmora.example', false],
+    ['192.168.1.10', false],
+    ['localhost.example.com', false],
+  ])('counts %s as loopback: %s', (host, loopback) => {
+    expect(isLoopbackHost(host)).toBe(loopback);
   });
 
   it('reconnects without a gesture once a connection has worked', async () => {

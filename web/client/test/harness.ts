@@ -11,6 +11,8 @@ export interface Browser {
   /** Whether the HTTP probe finds something listening. */
   somethingListens: boolean;
   webkitOnHttps: boolean;
+  /** The page itself comes from localhost. */
+  loopbackPage: boolean;
 }
 
 export interface Recorded {
@@ -30,6 +32,7 @@ export function makeClient(options: Partial<HelperClientOptions> = {}, browser: 
     gesture: true,
     somethingListens: false,
     webkitOnHttps: false,
+    loopbackPage: false,
     ...browser,
   };
   let passNumber = 0;
@@ -48,6 +51,7 @@ export function makeClient(options: Partial<HelperClientOptions> = {}, browser: 
         probes.push(url);
         return fake.somethingListens;
       },
+      pageIsLoopback: () => fake.loopbackPage,
       pageOrigin: () => 'http://localhost:5180',
       ...options.environment,
     },

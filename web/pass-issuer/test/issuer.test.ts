@@ -67,7 +67,7 @@ describe('issuePass', () => {
     const publicKey = publicKeyFromBase64(publicKeyBase64(devKey));
     expect(verify('sha256', payloadBytes, { key: publicKey, dsaEncoding: 'ieee-p1363' }, signature)).toBe(true);
     const tampered = Buffer.from(payloadBytes);
-    tampered[tampered.length - 2] ^= 1;
+    tampered.writeUInt8(tampered.readUInt8(tampered.length - 2) ^ 1, tampered.length - 2);
     expect(verify('sha256', tampered, { key: publicKey, dsaEncoding: 'ieee-p1363' }, signature)).toBe(false);
   });
 
