@@ -1,0 +1,20 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "server/WebSocketSession.h"
+
+namespace velmora {
+
+// One page connection the server has admitted. Confined to the server's queue.
+struct Client {
+    // Fixed at creation.
+    std::shared_ptr<WebSocketSession> connection;
+    // Empty until the connection is ready; then the server's last accepted origin.
+    std::string origin;
+    // From ready until dropped; only open clients are sent anything.
+    bool open = false;
+};
+
+}  // namespace velmora

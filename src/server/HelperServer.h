@@ -1,0 +1,142 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "access/HelperPass.h"
+#include "capture/AudioCapturePermission.h"
+#include "capture/AudioTap.h"
+#include "capture/CaptureError.h"
+#include "capture/SystemAudioCapture.h"
+#include "config/SerialQueue.h"
+#include "meetings/CallEndWatch.h"
+#include "meetings/MicrophoneUsers.h"
+#include "server/Client.h"
+#include "server/HelperServerTimings.h"
+#include "server/HelperStatus.h"
+#include "server/WebSocketListener.h"
+
+namespace velmora {
+
+// The local WebSocket server: admits pages by origin on 127.0.0.1, greets them, starts the
+// system audio capture for the one active page that shows a valid start pass, streams its
+// frames to that page only, and tells it when a watched call has ended. Every field lives on the
+// server's own serial queue; the public operations post onto it (shutdown waits for it).
+class HelperServer final : public std::enable_shared_from_this<HelperServer> {
+  public:
+    using StatusHandler = std::function<void(const HelperStatus&)>;
+
+    // The server captures through `tap` (wrapped in its own SystemAudioCapture), asks
+    // `permission` before a first start, polls `microphoneUsers` while streaming, and calls the
+    // status handler on `mainQueue`, which must outlive the server. `passKeys` are the keys start
+    // passes must be signed with (the built-in ones unless a test supplies its own).
+    static std::shared_ptr<HelperServer> create(
+        std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
+        std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
+        HelperServerTimings timings = {},
+        std::vector<HelperPass::VerificationKey> passKeys = HelperPass::keys());
+
+    ~HelperServer();
+    HelperServer(const HelperServer&) = delete;
+    HelperServer& operator=(const HelperServer&) = delete;
+
+    // Called on the main queue with each distinct status, in order. Safe from any thread.
+    void setOnStatus(StatusHandler onStatus);
+
+    // Starts listening on AudioKit's port (asynchronously).
+    void start();
+    // Stops any capture with notice to its page, closes every connection and listens again on
+    // the port AudioKit gives now (asynchronously). For a port change.
+    void restart();
+    // Stops any capture without notice, closes the listener and every connection; waits until
+    // done. Must not be called from the server's queue.
+    void shutdown();
+
+    // One frame from the capture pipeline, from any thread: goes to the active page only.
+    void sendFrame(SystemAudioCapture::Frame frame);
+
+    // The current status, read on the server's queue (not callable from it).
+    HelperStatus status();
+
+  private:
+    HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
+                 std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
+                 HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys);
+
+    class ListenerEvents;
+    class ClientEvents;
+    struct StatusSlot;
+    using ClientPointer = std::shared_ptr<Client>;
+
+    using Work = std::function<void(HelperServer&)>;
+
+    void wireCapture();
+    // Runs work on the queue if the server still exists then. postWeakly is for callbacks from
+    // other threads: it does not keep the server alive, so the server is never destroyed there.
+    void post(Work work);
+    static void postWeakly(const std::weak_ptr<SerialQueue>& queue,
+                           const std::weak_ptr<HelperServer>& server, Work work);
+
+    // Listener and clients.
+    void startListenerLocked();
+    void listenerStateChangedLocked(WebSocketListener& listener, WebSocketListener::State state,
+                                    const boost::system::error_code& error, std::uint16_t port);
+    void cancelListenerLocked();
+    bool admitLocked(const WebSocketSession::UpgradeRequest& request);
+    ClientPointer acceptLocked(const std::shared_ptr<WebSocketSession>& connection);
+    void clientReadyLocked(const ClientPointer& client);
+    void clientEndedLocked(const ClientPointer& client, const boost::system::error_code& error);
+    void dropLocked(const ClientPointer& client);
+    void sendJSONLocked(const Client& client, const nlohmann::json& message);
+
+    // Capture sessions.
+    void handleTextLocked(const ClientPointer& client, std::string_view text);
+    void handleStartLocked(const ClientPointer& client);
+    void permissionAnsweredLocked(bool granted, std::uint64_t token);
+    void permissionTimedOutLocked(std::uint64_t token);
+    void sendErrorLocked(const Client& client, const CaptureError& error);
+    void stopCaptureLocked(bool notify);
+    void captureFailedLocked(const std::string& text);
+    void sendFrameLocked(const std::shared_ptr<const SystemAudioCapture::Frame>& frame);
+
+    // Call-end notices.
+    void watchCallsLocked(bool on);
+    void callTickLocked();
+
+    // Status.
+    void changeStatusLocked(const std::function<void(HelperStatus&)>& change);
+    void publishLocked();
+    int openClientCountLocked() const;
+
+    void closeEverythingLocked();
+
+    std::shared_ptr<SerialQueue> queue_;
+    SerialQueue& mainQueue_;
+    const HelperServerTimings timings_;
+    const std::vector<HelperPass::VerificationKey> passKeys_;
+    const std::shared_ptr<AudioCapturePermission> permission_;
+    const std::shared_ptr<MicrophoneUsers> microphoneUsers_;
+    const std::shared_ptr<StatusSlot> onStatus_;
+
+    // Everything below is confined to queue_.
+    std::shared_ptr<WebSocketListener> listener_;
+    std::shared_ptr<QueueTimer> listenerRetry_;
+    std::unordered_map<const Client*, ClientPointer> clients_;
+    ClientPointer active_;
+    bool starting_ = false;
+    std::shared_ptr<SystemAudioCapture> capture_;
+    HelperStatus status_;
+    CallEndWatch callWatch_;
+    std::shared_ptr<QueueTimer> callTimer_;
+    std::string lastAcceptedOrigin_;
+    std::uint64_t startToken_ = 0;
+};
+
+}  // namespace velmora

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/core/tcp_stream.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/message.hpp>
+#include <boost/beast/websocket/stream.hpp>
+#include <boost/system/error_code.hpp>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include "server/WebSocketLimits.h"
+
+namespace velmora {
+
+// Why a session ended on our side rather than the peer's.
+enum class WebSocketSessionError {
+    // The peer let more outgoing data pile up than WebSocketLimits allows.
+    sendBacklog = 1,
+};
+
+const boost::system::error_category& webSocketSessionCategory();
+boost::system::error_code make_error_code(WebSocketSessionError error);
+
+// One accepted WebSocket connection: answers the upgrade that the listener admitted, then reads
+// messages one at a time and writes queued messages one at a time. Every member, and every
+// handler call, runs on the thread of the io_context the socket belongs to.
+class WebSocketSession final : public std::enable_shared_from_this<WebSocketSession> {
+  public:
+    using UpgradeRequest = boost::beast::http::request<boost::beast::http::empty_body>;
+    using Bytes = std::vector<std::byte>;
+
+    // What a session reports. The session holds its handler strongly, so a handler holds its
+    // own owner weakly.
+    class Handler {
+      public:
+        virtual ~Handler() = default;
+        // The upgrade is complete; messages may be sent.
+        virtual void opened(WebSocketSession& session) = 0;
+        // One complete text message. Binary and control messages never arrive here.
+        virtual void textReceived(WebSocketSession& session, std::string_view text) = 0;
+        // Called once, last: the upgrade failed or the connection is over. `error` says why:
+        // boost::asio::error::operation_aborted after our own close() or abort(),
+        // WebSocketSessionError::sendBacklog, or the read or write error.
+        virtual void ended(WebSocketSession& session, const boost::system::error_code& error) = 0;
+    };
+
+    WebSocketSession(boost::beast::tcp_stream stream, const WebSocketLimits& limits);
+
+    // Answers the upgrade and reports to `handler` from then on. `upgradeFinished` is called
+    // once the answer is written or has failed.
+    void accept(UpgradeRequest request, std::shared_ptr<Handler> handler,
+                std::function<void()> upgradeFinished);
+
+    // Queue one complete message; ignored unless the session is open.
+    void sendText(std::string text);
+    void sendBinary(std::shared_ptr<const Bytes> data);
+
+    // Ends the connection after what is already queued has been written, with a close frame;
+    // a peer that does not finish the close within the handshake time is cut off.
+    void close();
+    // Cuts the connection at once.
+    void abort();
+
+    bool isOpen() const { return state_ == State::open; }
+    std::size_t queuedBytes() const { return queuedBytes_; }
+    std::size_t queuedMessages() const { return outgoing_.size(); }
+
+  private:
+    enum class State { handshaking, open, closing, ended };
+
+    struct Outgoing {
+        std::shared_ptr<const void> owner;
+        const void* data;
+        std::size_t size;
+        bool binary;
+    };
+
+    void enqueue(Outgoing message);
+    void writeNext();
+    void written(const boost::system::error_code& error);
+    void startClose();
+    void readNext();
+    void received(const boost::system::error_code& error);
+    void fail(const boost::system::error_code& reason);
+    void finish(const boost::system::error_code& error);
+    void finishUpgrade();
+
+    boost::beast::websocket::stream<boost::beast::tcp_stream> socket_;
+    WebSocketLimits limits_;
+    std::shared_ptr<Handler> handler_;
+    UpgradeRequest request_;
+    std::function<void()> upgradeFinished_;
+    boost::beast::flat_buffer readBuffer_;
+    std::deque<Outgoing> outgoing_;
+    std::size_t queuedBytes_ = 0;
+    bool writing_ = false;
+    bool closeStarted_ = false;
+    State state_ = State::handshaking;
+    // The first reason we ended the session for; it wins over the read error that follows.
+    boost::system::error_code endReason_;
+    std::shared_ptr<boost::asio::steady_timer> closeDeadline_;
+};
+
+}  // namespace velmora
+
+namespace boost::system {
+template <>
+struct is_error_code_enum<velmora::WebSocketSessionError> : std::true_type {};
+}  // namespace boost::system
