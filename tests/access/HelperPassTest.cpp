@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "access/Base64.h"
+#include "config/BuildConfig.h"
 #include "support/PassSigner.h"
 
 namespace velmora {
@@ -516,6 +517,26 @@ TEST(HelperPassKeys, KeyFromBase64RefusesOtherPointForms) {
 TEST(HelperPassKeys, BuiltInKeysRefuseAPassSignedByAnUnknownKey) {
     const PassSigner stranger = PassSigner::generate();
     EXPECT_EQ(HelperPass::check(stranger.issue(origin, now), origin, now), invalid("signature"));
+}
+
+TEST(HelperPassKeys, BuiltInKeysHoldEveryConfiguredKeyThatDecodes) {
+    std::vector<std::string_view> configured = {build::productionKey};
+    configured.insert(configured.end(), std::begin(build::devKeys), std::end(build::devKeys));
+    ASSERT_TRUE(configured.back().empty()) << "the list ends in an empty entry, which is skipped";
+    const auto decodable = std::count_if(configured.begin(), configured.end(), [](auto text) {
+        return HelperPass::keyFromBase64(text).has_value();
+    });
+    EXPECT_EQ(HelperPass::keys().size(), static_cast<std::size_t>(decodable));
+}
+
+TEST(HelperPassKeys, CurrentTimeCheckAcceptsFreshPassFromTheDevelopmentKey) {
+    if (!PassSigner::developmentKeyIsBuiltIn()) {
+        GTEST_SKIP() << "this build has no development pass key built in (release build)";
+    }
+    const std::string pass =
+        PassSigner::development().issue("https://app.velmora.example", PassIssuer::currentTime());
+    EXPECT_EQ(HelperPass::check(pass, "https://app.velmora.example"), Verdict::ok());
+    EXPECT_EQ(HelperPass::check(pass, "https://app.velmora.example"), invalid("used"));
 }
 
 TEST(HelperPassKeys, BuiltInKeysAreBuiltOnce) {

@@ -15,7 +15,7 @@
 #include "access/Base64.h"
 #include "access/HelperPass.h"
 #include "access/PassIssuer.h"
-#include "config/BuildConfig.h"
+#include "support/PassSigner.h"
 
 extern char** environ;
 
@@ -40,16 +40,6 @@ std::string withoutNewline(std::string text) {
         text.pop_back();
     }
     return text;
-}
-
-// The base64 public half of the committed development key.
-std::string committedDevelopmentPublicKey() {
-    return PassIssuer::fromPem(readText(VELMORA_DEV_PASS_KEY_FILE)).publicKeyBase64();
-}
-
-bool buildHasCommittedDevelopmentKey() {
-    const std::string publicKey = committedDevelopmentPublicKey();
-    return std::ranges::find(build::devKeys, publicKey) != std::end(build::devKeys);
 }
 
 class VelmoraPassTool : public testing::Test {
@@ -120,7 +110,7 @@ nlohmann::json payloadOf(const std::string& pass) {
 }
 
 TEST_F(VelmoraPassTool, PassFromCommittedDevelopmentKeyIsAcceptedByTheBuiltInKeys) {
-    if (!buildHasCommittedDevelopmentKey()) {
+    if (!PassSigner::developmentKeyIsBuiltIn()) {
         GTEST_SKIP() << "this build has no development pass key built in (VELMORA_DEV_KEYS does "
                         "not hold the committed key's public half, as in release builds)";
     }
@@ -132,7 +122,7 @@ TEST_F(VelmoraPassTool, PassFromCommittedDevelopmentKeyIsAcceptedByTheBuiltInKey
 }
 
 TEST_F(VelmoraPassTool, ReleaseBuildRefusesPassFromCommittedDevelopmentKey) {
-    if (buildHasCommittedDevelopmentKey()) {
+    if (PassSigner::developmentKeyIsBuiltIn()) {
         GTEST_SKIP() << "this build trusts the committed development key";
     }
     const std::string origin = "https://app.velmora.example";

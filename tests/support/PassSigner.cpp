@@ -1,9 +1,13 @@
 #include "support/PassSigner.h"
 
+#include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include "access/Base64.h"
 #include "access/EcdsaSignature.h"
+#include "config/BuildConfig.h"
 
 namespace velmora {
 
@@ -11,6 +15,19 @@ PassSigner::PassSigner(PassIssuer issuer) : issuer_(std::move(issuer)) {}
 
 PassSigner PassSigner::generate() {
     return PassSigner(PassIssuer::generate());
+}
+
+PassSigner PassSigner::development() {
+    std::ifstream file(VELMORA_DEV_PASS_KEY_FILE, std::ios::binary);
+    if (!file) {
+        throw std::runtime_error("cannot read the development key " VELMORA_DEV_PASS_KEY_FILE);
+    }
+    return PassSigner(PassIssuer::fromPem(std::string(std::istreambuf_iterator<char>(file), {})));
+}
+
+bool PassSigner::developmentKeyIsBuiltIn() {
+    return std::ranges::find(build::devKeys, development().publicKeyBase64()) !=
+           std::end(build::devKeys);
 }
 
 std::string PassSigner::publicKeyBase64() const {

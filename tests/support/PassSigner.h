@@ -15,6 +15,14 @@ class PassSigner {
     // A signer with a fresh random key pair.
     static PassSigner generate();
 
+    // A signer with the committed development key, whose passes the built-in keys accept in
+    // builds that trust it (see developmentKeyIsBuiltIn).
+    static PassSigner development();
+
+    // Whether this build's development keys hold the committed key's public half (not so in
+    // release builds).
+    static bool developmentKeyIsBuiltIn();
+
     // The public key as base64 of its X9.63 point, as the build takes it.
     std::string publicKeyBase64() const;
     HelperPass::VerificationKey verificationKey() const;
