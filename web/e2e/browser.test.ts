@@ -11,7 +11,7 @@ import { DEVELOPMENT_KEY_FILE, startDemoServer, type RunningDemoServer } from '.
 import { dbfs, dominantFrequency, parseWav, purity } from './support/analysis.js';
 import { launchBrowser, type Browser } from './support/browser.js';
 import { Helper } from './support/Helper.js';
-import { run, waitUntil } from './support/processes.js';
+import { freePort, run, waitUntil } from './support/processes.js';
 import { SoundServer } from './support/SoundServer.js';
 
 const webRoot = fileURLToPath(new URL('..', import.meta.url));
@@ -118,9 +118,6 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     await browser?.close();
     await demo?.close();
     await helper?.stop();
-    if (helper && !helper.running) {
-      // Kept for a failing run's investigation; printed only when something went wrong.
-    }
     await sound?.stop();
   }, 60_000);
 
@@ -144,6 +141,26 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
       expect(issued.code, issued.output).toBe(0);
       expect(await startWith(page, issued.output.trim())).toEqual({ type: 'started' });
     }
+    await page.close();
+  });
+
+  it('shows "Refused by the helper" on a page whose origin the helper does not allow', async () => {
+    // The same page opened as 127.0.0.1 is another origin, which "http://localhost:*" does not cover.
+    const page = await browser.context.newPage();
+    await page.goto(`http://127.0.0.1:${demo.port}/?helperPort=${helper.port}`);
+    await page.waitForSelector('#connection-state[data-state="refused"]', { timeout: 20_000 });
+    expect(await page.textContent('#connection-state')).toBe('Refused by the helper');
+    expect(await page.textContent('#connection-message')).toContain(
+      `velmora-audio-helper settings add-origin http://127.0.0.1:${demo.port}`,
+    );
+    await page.close();
+  });
+
+  it('shows "Helper not running" when nothing listens on the port', async () => {
+    const page = await browser.context.newPage();
+    await page.goto(`${demo.url}?helperPort=${await freePort()}`);
+    await page.waitForSelector('#connection-state[data-state="helper-not-running"]', { timeout: 20_000 });
+    expect(await page.textContent('#connection-message')).toContain('not running');
     await page.close();
   });
 
@@ -211,6 +228,26 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     expect(frames).toBe(1);
     await first.bringToFront();
     await screenshot(first, 'demo-taken-over.png');
+  });
+
+  it('reconnects after the helper restarts and resumes streaming', async () => {
+    expect(await streamState(second)).toBe('streaming');
+    await helper.kill();
+    await second.waitForSelector('#connection-state:not([data-state="ready"])', { timeout: 10_000 });
+    await helper.launch();
+    await second.waitForSelector('#connection-state[data-state="ready"]', { timeout: 30_000 });
+    await second.waitForSelector('#stream-state[data-state="streaming"]', { timeout: 20_000 });
+    const before = await second.evaluate(() => (window as unknown as { velmoraDemo: { client: { framesReceived: number } } }).velmoraDemo.client.framesReceived);
+    await waitUntil(
+      'audio to flow again',
+      async () =>
+        (await second.evaluate(() => (window as unknown as { velmoraDemo: { client: { framesReceived: number } } }).velmoraDemo.client.framesReceived)) >
+        before + 5,
+      10_000,
+      100,
+    );
+    // The page that was taken over stays so: it does not snatch the audio back.
+    expect(await streamState(first)).toBe('taken-over');
   });
 
   it('shows the device error when the sound server stops', async () => {
