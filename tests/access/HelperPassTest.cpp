@@ -308,7 +308,7 @@ TEST_F(HelperPassCheck, JsonTrueReadsAsIssueTimeOne) {
         signedPayload(R"({"v":1,"origin":"https://app.example","iat":true,"nonce":")" +
                       PassSigner::uniqueNonce() + "\"}");
     EXPECT_EQ(check(pass, origin, now), invalid("expired"));
-    EXPECT_EQ(check(pass, origin, 1.0 + HelperPass::window), Verdict::ok());
+    EXPECT_EQ(check(pass, origin, 100.0), Verdict::ok());
 }
 
 TEST_F(HelperPassCheck, FractionalIssueTimeIsAccepted) {
