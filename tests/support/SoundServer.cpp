@@ -469,6 +469,44 @@ void SoundServer::createNullSink(const std::string& name, int rate, int channels
     }
 }
 
+void SoundServer::removeSink(const std::string& name) {
+    auto modules = run({"pactl", "list", "short", "modules"});
+    std::stringstream lines(modules.output);
+    std::string line;
+    std::optional<std::string> index;
+    while (std::getline(lines, line)) {
+        std::stringstream fields(line);
+        std::string number;
+        std::string module;
+        std::string arguments;
+        std::getline(fields, number, '\t');
+        std::getline(fields, module, '\t');
+        std::getline(fields, arguments, '\t');
+        std::stringstream words(arguments);
+        std::string word;
+        while (words >> word) {
+            if (module == "module-null-sink" && word == "sink_name=" + name) {
+                index = number;
+            }
+        }
+    }
+    if (!index) {
+        fail("no module made the sink " + name + ": " + modules.output);
+    }
+    auto result = run({"pactl", "unload-module", *index});
+    if (!result.succeeded()) {
+        fail("could not unload the sink " + name + ": " + result.output);
+    }
+    const bool gone = waitUntil(10000ms, [&] {
+        auto names = sinkNames(*this);
+        return std::find(names.begin(), names.end(), name) == names.end();
+    });
+    if (!gone) {
+        fail("the sink " + name + " did not go away");
+    }
+    std::erase_if(extraSinks_, [&](const Sink& sink) { return sink.name == name; });
+}
+
 void SoundServer::setDefaultSink(const std::string& name) {
     // PipeWire applies the choice asynchronously (through the session manager), so ask again
     // until the server reports it.

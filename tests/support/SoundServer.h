@@ -100,6 +100,9 @@ class SoundServer {
 
     // Creates a null sink and waits until the server lists it; throws on failure.
     void loadNullSink(const std::string& name, int rate, int channels);
+    // Removes a sink created by loadNullSink (or one of the starting sinks) and waits until the
+    // server no longer lists it; throws on failure.
+    void removeSink(const std::string& name);
     // Makes `name` the default sink and waits until the server reports it; throws on failure.
     void setDefaultSink(const std::string& name);
     std::string defaultSink();

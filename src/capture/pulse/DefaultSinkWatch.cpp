@@ -22,11 +22,12 @@ DefaultSinkWatch::~DefaultSinkWatch() {
     }
 }
 
-void DefaultSinkWatch::start() {
+void DefaultSinkWatch::start(std::chrono::milliseconds timeout) {
     PulseLoop::Lock lock(loop_);
     if (context_ == nullptr && retryTimer_ == nullptr) {
         connect();
     }
+    loop_.waitUntil([&] { return firstAttemptSettled_; }, timeout);
 }
 
 void DefaultSinkWatch::connect() {
@@ -43,6 +44,8 @@ void DefaultSinkWatch::connect() {
 }
 
 void DefaultSinkWatch::scheduleRetry() {
+    firstAttemptSettled_ = true;
+    loop_.signal();
     struct timeval when {};
     pa_gettimeofday(&when);
     pa_timeval_add(&when, static_cast<pa_usec_t>(retryDelay_.count()) * PA_USEC_PER_MSEC);
@@ -101,6 +104,8 @@ void DefaultSinkWatch::onServerInfo(pa_context*, const pa_server_info* info, voi
     if (info == nullptr) {
         return;
     }
+    watch->firstAttemptSettled_ = true;
+    watch->loop_.signal();
     std::string name = info->default_sink_name != nullptr ? info->default_sink_name : "";
     const bool differs = watch->knownDefaultSink_ && *watch->knownDefaultSink_ != name;
     watch->knownDefaultSink_ = std::move(name);

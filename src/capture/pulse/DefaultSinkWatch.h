@@ -24,7 +24,9 @@ class DefaultSinkWatch {
                      std::function<void()> changed);
     // Both take the loop's lock; call them off the loop thread.
     ~DefaultSinkWatch();
-    void start();
+    // Connects, and waits at most `timeout` until the current default sink is known (or the
+    // first attempt failed), so that a change right after start is not missed.
+    void start(std::chrono::milliseconds timeout);
 
     DefaultSinkWatch(const DefaultSinkWatch&) = delete;
     DefaultSinkWatch& operator=(const DefaultSinkWatch&) = delete;
@@ -51,6 +53,7 @@ class DefaultSinkWatch {
     pa_time_event* retryTimer_ = nullptr;
     std::chrono::milliseconds retryDelay_ = firstRetryDelay;
     std::optional<std::string> knownDefaultSink_;
+    bool firstAttemptSettled_ = false;
 };
 
 }  // namespace velmora

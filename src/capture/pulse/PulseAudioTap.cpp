@@ -253,7 +253,7 @@ void PulseAudioTap::installDefaultOutputListener(std::function<void()> changed) 
     }
     watch_.reset();
     watch_ = std::make_unique<DefaultSinkWatch>(*loop_, options_.server, std::move(changed));
-    watch_->start();
+    watch_->start(options_.timeout);
 }
 
 void PulseAudioTap::releaseStreamLocked() {

@@ -1,0 +1,337 @@
+#include "capture/pulse/PulseAudioTap.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "capture/CaptureError.h"
+#include "capture/pulse/SoundServerKinds.h"
+#include "config/SerialQueue.h"
+#include "support/SoundServer.h"
+
+namespace velmora {
+namespace {
+
+using namespace std::chrono_literals;
+using Kind = SoundServer::Kind;
+
+// Counts the listener's reports and lets a test wait for the next one.
+class Reports {
+  public:
+    std::function<void()> listener() {
+        return [this] {
+            {
+                std::lock_guard lock(mutex_);
+                ++count_;
+            }
+            changed_.notify_all();
+        };
+    }
+    int count() {
+        std::lock_guard lock(mutex_);
+        return count_;
+    }
+    bool waitForCount(int count, std::chrono::milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, timeout, [&] { return count_ >= count; });
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int count_ = 0;
+};
+
+// What the tap hands to its input handler.
+class Received {
+  public:
+    PulseAudioTap::InputHandler handler(SerialQueue& queue) {
+        return [this, &queue](const InputBufferList& list) {
+            std::lock_guard lock(mutex_);
+            ++calls_;
+            if (!queue.isCurrent() || list.buffers.size() != 1 || tornDown_) {
+                ++violations_;
+                return;
+            }
+            const InputBuffer& buffer = list.buffers[0];
+            channels_ = buffer.channelCount;
+            const auto* samples = static_cast<const float*>(buffer.data);
+            samples_.insert(samples_.end(), samples, samples + buffer.byteSize / sizeof(float));
+        };
+    }
+    void markTornDown() {
+        std::lock_guard lock(mutex_);
+        tornDown_ = true;
+    }
+    int violations() {
+        std::lock_guard lock(mutex_);
+        return violations_;
+    }
+    std::uint32_t channels() {
+        std::lock_guard lock(mutex_);
+        return channels_;
+    }
+    // Waits until `count` samples whose peak exceeds `level` have arrived.
+    bool waitForLoudSamples(std::size_t count, float level, std::chrono::milliseconds timeout) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            {
+                std::lock_guard lock(mutex_);
+                std::size_t loud = 0;
+                for (float sample : samples_) {
+                    loud += std::abs(sample) > level ? 1 : 0;
+                }
+                if (loud >= count) {
+                    return true;
+                }
+            }
+            std::this_thread::sleep_for(20ms);
+        }
+        return false;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<float> samples_;
+    std::uint32_t channels_ = 0;
+    int calls_ = 0;
+    int violations_ = 0;
+    bool tornDown_ = false;
+};
+
+std::string deviceMessage(const std::function<void()>& step) {
+    try {
+        step();
+    } catch (const CaptureError& error) {
+        return error.code() + ": " + error.message();
+    }
+    return "no error";
+}
+
+class PulseAudioTapTest : public ::testing::TestWithParam<Kind> {
+  protected:
+    void SetUp() override {
+        std::string whyNot;
+        if (!SoundServer::isAvailable(GetParam(), &whyNot)) {
+            GTEST_SKIP() << whyNot;
+        }
+        server_ = SoundServer::start(GetParam());
+        tap_ = std::make_unique<PulseAudioTap>(
+            PulseAudioTap::Options{.server = server_->serverAddress()});
+    }
+
+    void TearDown() override {
+        tap_.reset();
+        server_.reset();
+    }
+
+    std::unique_ptr<SoundServer> server_;
+    std::unique_ptr<PulseAudioTap> tap_;
+    SerialQueue queue_{"com.velmora.audiohelper.capture"};
+};
+
+TEST_P(PulseAudioTapTest, ReportsTheDefaultSinksFormatAsInterleavedFloat32) {
+    const TapStreamFormat format = tap_->createTap();
+    EXPECT_TRUE(format.isLinearPCM);
+    EXPECT_TRUE(format.isFloat);
+    EXPECT_EQ(format.bitsPerChannel, 32u);
+    EXPECT_EQ(format.sampleRate, 48000.0);
+    EXPECT_EQ(format.channelsPerFrame, 2);
+    EXPECT_FALSE(format.nonInterleaved);
+    EXPECT_TRUE(tap_->hasTap());
+}
+
+TEST_P(PulseAudioTapTest, RecordsTheDefaultSinksMonitorByItsOwnName) {
+    tap_->createTap();
+    EXPECT_EQ(tap_->monitorSourceName(), "speakers.monitor");
+    tap_->teardown();
+
+    server_->setDefaultSink(SoundServer::headphones);
+    const TapStreamFormat format = tap_->createTap();
+    EXPECT_EQ(tap_->monitorSourceName(), "headphones.monitor");
+    EXPECT_EQ(format.sampleRate, 44100.0);
+}
+
+TEST_P(PulseAudioTapTest, DeliversWhatIsPlayedAsOneInterleavedBufferOnTheGivenQueue) {
+    auto tone = server_->playTone(SoundServer::speakers, 1000, 20);
+    Received received;
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(queue_, received.handler(queue_));
+    EXPECT_TRUE(received.waitForLoudSamples(4800, 0.1f, 10000ms));
+    EXPECT_EQ(received.channels(), 2u);
+    EXPECT_EQ(received.violations(), 0);
+}
+
+TEST_P(PulseAudioTapTest, NothingReachesTheHandlerAfterTeardownReturns) {
+    auto tone = server_->playTone(SoundServer::speakers, 1000, 20);
+    Received received;
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(queue_, received.handler(queue_));
+    ASSERT_TRUE(received.waitForLoudSamples(480, 0.1f, 10000ms));
+    tap_->teardown();
+    received.markTornDown();
+    EXPECT_FALSE(tap_->hasTap());
+    // Anything still on its way would arrive within a few fragments.
+    std::this_thread::sleep_for(200ms);
+    queue_.runAndWait([] {});
+    EXPECT_EQ(received.violations(), 0);
+}
+
+TEST_P(PulseAudioTapTest, TeardownWithNothingToDestroyIsHarmless) {
+    tap_->teardown();
+    tap_->teardown();
+    EXPECT_FALSE(tap_->hasTap());
+}
+
+TEST_P(PulseAudioTapTest, ReportsADefaultSinkChangeWhileNoTapExists) {
+    Reports reports;
+    tap_->installDefaultOutputListener(reports.listener());
+    server_->setDefaultSink(SoundServer::headphones);
+    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+}
+
+TEST_P(PulseAudioTapTest, KeepsReportingChangesAcrossTeardownAndRecreate) {
+    Reports reports;
+    tap_->installDefaultOutputListener(reports.listener());
+    Received received;
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(queue_, received.handler(queue_));
+    tap_->teardown();
+    tap_->createTap();
+    server_->setDefaultSink(SoundServer::headphones);
+    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+    tap_->teardown();
+    server_->setDefaultSink(SoundServer::speakers);
+    EXPECT_TRUE(reports.waitForCount(2, 5000ms));
+}
+
+TEST_P(PulseAudioTapTest, ReportsARunningStreamWhoseSinkIsRemoved) {
+    server_->loadNullSink("extra", 48000, 2);
+    server_->setDefaultSink("extra");
+    Reports reports;
+    Received received;
+    tap_->installDefaultOutputListener(reports.listener());
+    tap_->createTap();
+    ASSERT_EQ(tap_->monitorSourceName(), "extra.monitor");
+    tap_->createDevice();
+    tap_->startIO(queue_, received.handler(queue_));
+    // Moving the default away first leaves the removal to the stream alone.
+    server_->setDefaultSink(SoundServer::speakers);
+    ASSERT_TRUE(reports.waitForCount(1, 5000ms));
+    server_->removeSink("extra");
+    EXPECT_TRUE(reports.waitForCount(2, 5000ms));
+}
+
+TEST_P(PulseAudioTapTest, ReportsARunningStreamWhenTheServerDies) {
+    Reports reports;
+    Received received;
+    tap_->installDefaultOutputListener(reports.listener());
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(queue_, received.handler(queue_));
+    server_->kill();
+    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+}
+
+TEST_P(PulseAudioTapTest, TheWatchReconnectsAfterTheServerComesBack) {
+    Reports reports;
+    tap_->installDefaultOutputListener(reports.listener());
+    server_->kill();
+    server_->restart();
+    // Reconnection backs off up to 4 s; then the watch knows the default again.
+    const int before = reports.count();
+    const auto deadline = std::chrono::steady_clock::now() + 15s;
+    bool reported = false;
+    // Flip the default until the reconnected watch notices one flip.
+    for (int flip = 0; !reported && std::chrono::steady_clock::now() < deadline; ++flip) {
+        server_->setDefaultSink(flip % 2 == 0 ? SoundServer::headphones : SoundServer::speakers);
+        reported = reports.waitForCount(before + 1, 1000ms);
+    }
+    EXPECT_TRUE(reported);
+}
+
+TEST_P(PulseAudioTapTest, AMonitorThatVanishedBeforeStartFailsToStart) {
+    server_->loadNullSink("extra", 48000, 2);
+    server_->setDefaultSink("extra");
+    tap_->createTap();
+    tap_->createDevice();
+    server_->removeSink("extra");
+    Received received;
+    const auto message = deviceMessage([&] { tap_->startIO(queue_, received.handler(queue_)); });
+    EXPECT_EQ(message.rfind("device_error: Could not start system audio capture (", 0), 0u)
+        << message;
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, PulseAudioTapTest, testing::allSoundServers(),
+                         testing::soundServerName);
+
+// Without any server.
+
+TEST(PulseAudioTapErrorsTest, NoServerFailsTapCreationWithConnectionRefused) {
+    PulseAudioTap tap(PulseAudioTap::Options{.server = "unix:/nonexistent/velmora/native"});
+    EXPECT_EQ(deviceMessage([&] { tap.createTap(); }),
+              "device_error: Could not create the system audio tap (Connection refused, 6).");
+}
+
+TEST(PulseAudioTapErrorsTest, AServerThatNeverAnswersFailsTapCreationWithinTheTimeout) {
+    // A socket that accepts connections into its backlog and never speaks.
+    const auto folder =
+        std::filesystem::temp_directory_path() / ("velmora-hung-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder);
+    const auto path = (folder / "native").string();
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::listen(listener, 8), 0);
+
+    PulseAudioTap tap(PulseAudioTap::Options{.server = "unix:" + path, .timeout = 300ms});
+    EXPECT_EQ(deviceMessage([&] { tap.createTap(); }),
+              "device_error: Could not create the system audio tap (Timeout, 8).");
+    tap.teardown();
+    ::close(listener);
+    std::filesystem::remove_all(folder);
+}
+
+TEST(PulseAudioTapErrorsTest, StepsOutOfOrderFailWithBadState) {
+    PulseAudioTap tap(PulseAudioTap::Options{.server = "unix:/nonexistent/velmora/native"});
+    SerialQueue queue("com.velmora.audiohelper.capture");
+    EXPECT_EQ(deviceMessage([&] { tap.createDevice(); }),
+              "device_error: Could not create the capture device (Bad state, 15).");
+    EXPECT_EQ(deviceMessage([&] { tap.startIO(queue, [](const InputBufferList&) {}); }),
+              "device_error: Could not attach to the capture device (Bad state, 15).");
+}
+
+TEST(PulseAudioTapErrorsTest, AccessRefusedByTheServerIsPermissionDenied) {
+    std::string whyNot;
+    if (!SoundServer::isAvailable(Kind::pulseAudio, &whyNot)) {
+        GTEST_SKIP() << whyNot;
+    }
+    SoundServer::Options options;
+    options.requireCookie = true;
+    auto server = SoundServer::start(Kind::pulseAudio, options);
+    PulseAudioTap tap(PulseAudioTap::Options{.server = server->serverAddress()});
+    try {
+        tap.createTap();
+        FAIL() << "the tap was created without the cookie";
+    } catch (const CaptureError& error) {
+        EXPECT_EQ(error, CaptureError::permissionDenied());
+        EXPECT_EQ(error.code(), "permission_denied");
+    }
+}
+
+}  // namespace
+}  // namespace velmora
