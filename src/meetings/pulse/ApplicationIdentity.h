@@ -14,7 +14,7 @@ struct ApplicationIdentity {
     static constexpr const char* binaryProperty = "application.process.binary";
     static constexpr const char* nameProperty = "application.name";
 
-    std::string flatpakId = {};  // set by the sound server for sandboxed clients; can't be faked
+    std::string flatpakId = {};      // set by PipeWire for a Flatpak-sandboxed client
     std::string applicationId = {};  // chosen by the application, often a reverse-DNS name
     std::string binary = {};         // the executable's file name
     std::string name = {};           // display name chosen by the application
@@ -23,7 +23,8 @@ struct ApplicationIdentity {
     // "us.zoom.xos"). An unknown application keeps its own identity (the first non-empty of the
     // four fields), which the table then drops. Nothing when every field is empty.
     //
-    // A Flatpak id decides alone, since the sandbox vouches for it; otherwise the first field
+    // A Flatpak id decides alone: it names the package exactly, while a binary inside the sandbox
+    // may be generic (Flatpak Chromium runs a binary called "chrome"). Otherwise the first field
     // that names a known application wins, as Electron and wrapper-launched applications often
     // carry a generic binary ("electron") or id next to a telling name.
     std::optional<std::string> identifier() const;

@@ -1,0 +1,262 @@
+#include "meetings/pulse/PulseMicrophoneUsers.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "meetings/KnownMeetingApps.h"
+#include "meetings/pulse/RecordingStream.h"
+#include "support/SoundServer.h"
+
+namespace velmora {
+namespace {
+
+using namespace std::chrono_literals;
+using Kind = SoundServer::Kind;
+
+const std::string zoomId = "us.zoom.xos";
+
+// Polls until `condition` holds; false after 15 s. Servers list a new stream a moment after
+// its client connected.
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 15s;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    return condition();
+}
+
+std::size_t countOf(const std::vector<std::string>& identifiers, const std::string& identifier) {
+    return static_cast<std::size_t>(std::ranges::count(identifiers, identifier));
+}
+
+class PulseMicrophoneUsersTest : public testing::TestWithParam<Kind> {
+  protected:
+    void SetUp() override {
+        std::string whyNot;
+        if (!SoundServer::isAvailable(GetParam(), &whyNot)) {
+            GTEST_SKIP() << SoundServer::kindName(GetParam()) << " is not installed: " << whyNot;
+        }
+        server_ = SoundServer::start(GetParam());
+        users_ = std::make_unique<PulseMicrophoneUsers>(
+            PulseMicrophoneUsers::Options{.serverAddress = server_->serverAddress()});
+    }
+
+    // parec recording `device` as a client with the given properties (PULSE_PROP syntax).
+    std::unique_ptr<SoundServer::Process> record(const std::string& device,
+                                                 const std::string& clientProperties = {}) {
+        std::vector<std::string> argv{"env"};
+        if (!clientProperties.empty()) {
+            argv.push_back("PULSE_PROP=" + clientProperties);
+        }
+        for (const char* argument : {"parec", "--raw", "--channels=1", "--rate=16000"}) {
+            argv.emplace_back(argument);
+        }
+        argv.push_back("--device=" + device);
+        argv.emplace_back("/dev/null");
+        return server_->launch(argv);
+    }
+
+    RecordingStream::Options streamOn(const std::string& source) const {
+        return RecordingStream::Options{.serverAddress = server_->serverAddress(),
+                                        .source = source,
+                                        .properties = {{"application.process.binary", "zoom"}}};
+    }
+
+    // Waits until the server lists `count` recording streams in all.
+    void waitForStreams(std::int64_t count) {
+        ASSERT_TRUE(eventually([&] { return users_->processObjectCount() == count; }))
+            << "the server lists " << users_->processObjectCount() << " streams, not " << count
+            << "\n"
+            << server_->daemonOutput();
+    }
+
+    std::unique_ptr<SoundServer> server_;
+    std::unique_ptr<PulseMicrophoneUsers> users_;
+};
+
+TEST_P(PulseMicrophoneUsersTest, NobodyRecordingYieldsAnEmptyList) {
+    EXPECT_TRUE(users_->bundleIds().empty());
+    EXPECT_EQ(users_->processObjectCount(), 0);
+}
+
+TEST_P(PulseMicrophoneUsersTest, ZoomRecordingTheMicrophoneIsListedAsZoom) {
+    auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }))
+        << server_->daemonOutput();
+    EXPECT_EQ(users_->bundleIds(), std::vector<std::string>{zoomId});
+    EXPECT_EQ(users_->processObjectCount(), 1);
+}
+
+TEST_P(PulseMicrophoneUsersTest, FlatpakApplicationIsListedByItsFlatpakId) {
+    // The property PipeWire gives a sandboxed client; its binary says nothing.
+    auto zoom = record(SoundServer::microphone,
+                       "pipewire.access.portal.app_id=us.zoom.Zoom application.process.binary=app");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }))
+        << server_->daemonOutput();
+}
+
+TEST_P(PulseMicrophoneUsersTest, ApplicationIdentifiedByItsApplicationIdIsListed) {
+    auto zoom = record(SoundServer::microphone, "application.id=us.zoom.Zoom");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }))
+        << server_->daemonOutput();
+}
+
+TEST_P(PulseMicrophoneUsersTest, TwoStreamsOfOneApplicationAreListedTwice) {
+    auto first = record(SoundServer::microphone, "application.process.binary=zoom");
+    auto second = record(SoundServer::microphone, "application.process.binary=zoom");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 2; }))
+        << server_->daemonOutput();
+    EXPECT_EQ(users_->bundleIds().size(), 2u);
+}
+
+TEST_P(PulseMicrophoneUsersTest, UnknownApplicationKeepsItsOwnIdentityAndTheTableDropsIt) {
+    auto recorder = record(SoundServer::microphone);
+    // parec is pacat under another name; the executable is what the server is told.
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), "pacat") == 1; }))
+        << testing::PrintToString(users_->bundleIds());
+    EXPECT_TRUE(KnownMeetingApps::usingApps(users_->bundleIds(), "velmora-audio-helper").empty());
+}
+
+TEST_P(PulseMicrophoneUsersTest, RunningStreamOpenedWithLibpulseIsListed) {
+    // The counterpart of the corked and level-meter streams below, opened the same way.
+    RecordingStream running(streamOn(SoundServer::microphone));
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }))
+        << server_->daemonOutput();
+}
+
+TEST_P(PulseMicrophoneUsersTest, CorkedStreamIsNotListed) {
+    auto options = streamOn(SoundServer::microphone);
+    options.corked = true;
+    RecordingStream paused(options);
+    waitForStreams(1);
+    EXPECT_TRUE(users_->bundleIds().empty());
+}
+
+TEST_P(PulseMicrophoneUsersTest, StreamRecordingAMonitorIsNotListed) {
+    auto fromMonitor =
+        record(std::string(SoundServer::speakers) + ".monitor", "application.process.binary=zoom");
+    waitForStreams(1);
+    EXPECT_TRUE(users_->bundleIds().empty());
+}
+
+TEST_P(PulseMicrophoneUsersTest, HelpersOwnSystemAudioCaptureIsNeverListed) {
+    // The helper captures system audio from the default output's monitor.
+    RecordingStream capture(RecordingStream::Options{
+        .serverAddress = server_->serverAddress(),
+        .source = std::string(SoundServer::speakers) + ".monitor",
+        .properties = {{"application.process.binary", "velmora-audio-helper"},
+                       {"application.name", "Velmora Audio Helper"}}});
+    auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
+    waitForStreams(2);
+    ASSERT_TRUE(eventually([&] { return !users_->bundleIds().empty(); }));
+    EXPECT_EQ(users_->bundleIds(), std::vector<std::string>{zoomId});
+}
+
+TEST_P(PulseMicrophoneUsersTest, LevelMeterIsNotListed) {
+    auto options = streamOn(SoundServer::microphone);
+    options.levelMeter = true;
+    RecordingStream meter(options);
+    waitForStreams(1);
+    EXPECT_TRUE(users_->bundleIds().empty());
+}
+
+TEST_P(PulseMicrophoneUsersTest, RunningStreamIsListedNextToUncountedOnes) {
+    auto corked = streamOn(SoundServer::microphone);
+    corked.corked = true;
+    RecordingStream paused(corked);
+    auto fromMonitor =
+        record(std::string(SoundServer::speakers) + ".monitor", "application.process.binary=slack");
+    auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
+    waitForStreams(3);
+    ASSERT_TRUE(eventually([&] { return !users_->bundleIds().empty(); }));
+    EXPECT_EQ(users_->bundleIds(), std::vector<std::string>{zoomId});
+}
+
+TEST_P(PulseMicrophoneUsersTest, StreamThatEndedIsNoLongerListed) {
+    auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }));
+    zoom.reset();
+    ASSERT_TRUE(eventually([&] { return users_->bundleIds().empty(); }));
+    EXPECT_EQ(users_->processObjectCount(), 0);
+}
+
+TEST_P(PulseMicrophoneUsersTest, ServerThatCrashedYieldsAnEmptyList) {
+    auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
+    ASSERT_TRUE(eventually([&] { return countOf(users_->bundleIds(), zoomId) == 1; }));
+    server_->kill();
+    EXPECT_TRUE(users_->bundleIds().empty());
+    EXPECT_EQ(users_->processObjectCount(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(SoundServers, PulseMicrophoneUsersTest,
+                         testing::Values(Kind::pulseAudio, Kind::pipeWire),
+                         [](const testing::TestParamInfo<Kind>& info) {
+                             return SoundServer::kindName(info.param);
+                         });
+
+TEST(PulseMicrophoneUsers, UnreachableServerYieldsAnEmptyList) {
+    const auto missing = std::filesystem::temp_directory_path() / "velmora-no-such-server";
+    PulseMicrophoneUsers users({.serverAddress = "unix:" + missing.string()});
+    EXPECT_TRUE(users.bundleIds().empty());
+    EXPECT_EQ(users.processObjectCount(), 0);
+}
+
+// A socket that accepts connections and never answers, as a hung server would.
+class SilentServer {
+  public:
+    SilentServer() {
+        path_ = std::filesystem::temp_directory_path() /
+                ("velmora-silent-" + std::to_string(::getpid()));
+        std::filesystem::remove(path_);
+        socket_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.string().copy(address.sun_path, sizeof(address.sun_path) - 1);
+        if (socket_ < 0 ||
+            ::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            ::listen(socket_, 8) != 0) {
+            throw std::runtime_error("could not listen on " + path_.string());
+        }
+    }
+    ~SilentServer() {
+        ::close(socket_);
+        std::filesystem::remove(path_);
+    }
+    std::string address() const { return "unix:" + path_.string(); }
+
+  private:
+    std::filesystem::path path_;
+    int socket_ = -1;
+};
+
+TEST(PulseMicrophoneUsers, HungServerYieldsAnEmptyListAfterTheTimeout) {
+    SilentServer silent;
+    PulseMicrophoneUsers users({.serverAddress = silent.address(), .timeout = 200ms});
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(users.bundleIds().empty());
+    EXPECT_EQ(users.processObjectCount(), 0);
+    // Bounded, not hung: a generous ceiling, far from the limit under test.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
+}
+
+TEST(PulseMicrophoneUsers, DefaultTimeoutIsHalfASecond) {
+    EXPECT_EQ(PulseMicrophoneUsers().options().timeout, 500ms);
+    EXPECT_TRUE(PulseMicrophoneUsers().options().serverAddress.empty());
+}
+
+}  // namespace
+}  // namespace velmora
