@@ -143,6 +143,7 @@ const CLOSE_NORMAL = 1000;
 const CLOSE_INCOMPATIBLE = 4000;
 const CLOSE_NO_PONG = 4001;
 const CLOSE_NO_HELLO = 4002;
+const PERMISSION_QUERY_TIMEOUT_MS = 1000;
 
 /** Finds the helper on this computer, starts and stops the audio, and delivers its frames. */
 export class HelperClient extends Emitter<HelperClientEvents> {
@@ -445,10 +446,17 @@ export class HelperClient extends Emitter<HelperClientEvents> {
   }
 
   async #queryPermission(): Promise<LocalNetworkPermission> {
+    // A permission query that never settles must not stall the connection.
+    let timer: ReturnType<typeof setTimeout> | undefined;
+    const timeout = new Promise<LocalNetworkPermission>((resolve) => {
+      timer = setTimeout(() => resolve('unsupported'), PERMISSION_QUERY_TIMEOUT_MS);
+    });
     try {
-      return await this.#env.queryLocalNetworkPermission();
+      return await Promise.race([this.#env.queryLocalNetworkPermission(), timeout]);
     } catch {
       return 'unsupported';
+    } finally {
+      clearTimeout(timer);
     }
   }
 

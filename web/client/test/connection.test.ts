@@ -371,6 +371,17 @@ describe('what the browser allows', () => {
     expect(status.message).toContain('insecure');
   });
 
+  it('treats a permission query that never answers as unsupported after a second', async () => {
+    const { client } = makeClient({
+      environment: { queryLocalNetworkPermission: () => new Promise(() => {}) },
+    });
+    void client.connect();
+    await tick(999);
+    expect(FakeWebSocket.instances).toHaveLength(0);
+    await tick(1);
+    expect(FakeWebSocket.instances).toHaveLength(1);
+  });
+
   it('treats a permission query that throws as unsupported', async () => {
     const { client } = makeClient({
       environment: {
