@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "capture/pulse/PulseAudioTap.h"
+#include "config/SerialQueue.h"
 #include "meetings/KnownMeetingApps.h"
 #include "meetings/pulse/RecordingStream.h"
 #include "support/SoundServer.h"
@@ -154,16 +156,17 @@ TEST_P(PulseMicrophoneUsersTest, StreamRecordingAMonitorIsNotListed) {
 }
 
 TEST_P(PulseMicrophoneUsersTest, HelpersOwnSystemAudioCaptureIsNeverListed) {
-    // The helper captures system audio from the default output's monitor.
-    RecordingStream capture(RecordingStream::Options{
-        .serverAddress = server_->serverAddress(),
-        .source = std::string(SoundServer::speakers) + ".monitor",
-        .properties = {{"application.process.binary", "velmora-audio-helper"},
-                       {"application.name", "Velmora Audio Helper"}}});
+    // The helper's real capture records the default output's monitor.
+    SerialQueue captureQueue("com.velmora.audiohelper.capture");
+    PulseAudioTap tap(PulseAudioTap::Options{.server = server_->serverAddress()});
+    tap.createTap();
+    tap.createDevice();
+    tap.startIO(captureQueue, [](const InputBufferList&) {});
     auto zoom = record(SoundServer::microphone, "application.process.binary=zoom");
     waitForStreams(2);
     ASSERT_TRUE(eventually([&] { return !users_->bundleIds().empty(); }));
     EXPECT_EQ(users_->bundleIds(), std::vector<std::string>{zoomId});
+    tap.teardown();
 }
 
 TEST_P(PulseMicrophoneUsersTest, LevelMeterIsNotListed) {
