@@ -39,6 +39,7 @@ let demo: RunningDemoServer;
 let browser: Browser;
 let first: Page;
 let second: Page;
+let tone: ReturnType<SoundServer['playTone']>;
 
 function pageUrl(): string {
   return `${demo.url}?helperPort=${helper.port}`;
@@ -174,7 +175,7 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
   });
 
   it(`shows a ${TONE_HZ} Hz tone played into the sink at its frequency and level`, async () => {
-    sound.playTone(TONE_HZ, 8);
+    tone = sound.playTone(TONE_HZ, 8);
     await waitUntil('the tone to reach the page', async () => dbfs(await latestSamples(first, 1600)) > -20, 15_000, 100);
     // A full second of the steady tone.
     await first.waitForTimeout(1500);
@@ -202,7 +203,6 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
       100,
     );
     expect(await first.textContent('#ms-track')).toContain('live');
-    await screenshot(first, 'demo-streaming.png');
   });
 
   it('downloads the last minute as a 16 kHz mono WAV that holds the tone', async () => {
@@ -212,9 +212,38 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     expect(wav).toMatchObject({ sampleRate: 16000, channels: 1, bitsPerSample: 16, format: 1 });
     expect(wav.samples.length).toBeGreaterThan(16000);
     expect(wav.samples.length).toBeLessThanOrEqual(60 * 16000);
+    // Frames well below the tone's level between its first and last frame: gaps in the stream.
+    // Reported, not asserted: on a loaded machine the player itself may fall behind.
+    const levels = Array.from({ length: Math.floor(wav.samples.length / 1600) }, (_, i) =>
+      dbfs(wav.samples.subarray(i * 1600, (i + 1) * 1600)),
+    );
+    const firstTone = levels.findIndex((level) => level > -20);
+    const lastTone = levels.length - 1 - [...levels].reverse().findIndex((level) => level > -20);
+    const gaps = levels.slice(firstTone, lastTone + 1).filter((level) => level < -12).length;
+    console.log(`WAV: ${levels.length} frames, tone in ${firstTone}..${lastTone}, ${gaps} frames with a gap`);
     const tail = wav.samples.subarray(wav.samples.length - 8000);
     expect(Math.abs(dominantFrequency(tail, 16000) - TONE_HZ)).toBeLessThan(2);
     expect(Math.abs(dbfs(tail) - TONE_DBFS)).toBeLessThan(1);
+  });
+
+  it('takes a picture of the page while it streams speech', async () => {
+    // Speech makes a truer picture than a tone; espeak-ng comes with the test dependencies.
+    const speech = path.join(sound.directory, 'speech.wav');
+    await tone.stop();
+    const spoken = await run(
+      'espeak-ng',
+      ['-s', '140', '-w', speech, 'This is what the other people in the meeting say, streamed to the page as it happens.'],
+      process.env,
+    );
+    if (spoken.code === 0) {
+      const player = sound.playFile(speech);
+      await waitUntil('the speech to reach the page', async () => dbfs(await latestSamples(first, 1600)) > -40, 10_000, 50);
+      await first.waitForTimeout(2500);
+      await screenshot(first, 'demo-streaming.png');
+      await player.waitForExit(15_000);
+      return;
+    }
+    await screenshot(first, 'demo-streaming.png');
   });
 
   it('shows "Taken over" when a second tab starts streaming', async () => {

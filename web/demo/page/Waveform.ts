@@ -68,7 +68,7 @@ export class Waveform {
       const index = (this.#next + i) % columns;
       const top = middle - Math.min(1, this.#maxs[index]!) * middle * 0.95;
       const bottom = middle - Math.max(-1, this.#mins[index]!) * middle * 0.95;
-      g.fillRect(i * step, top, Math.max(1, step * 0.8), Math.max(1, bottom - top));
+      g.fillRect(i * step, top, step + 0.5, Math.max(1, bottom - top));
     }
   }
 }

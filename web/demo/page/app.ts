@@ -108,8 +108,8 @@ function render(): void {
   if (hello) {
     ui.version.textContent = hello.version;
     ui.platform.textContent = hello.platform;
-    ui.format.textContent = `${hello.format} · ${hello.sampleRate / 1000} kHz · ${hello.channels} ch`;
-    ui.address.textContent = client.url.replace(/\/$/, '');
+    ui.format.textContent = `${hello.format} · ${hello.sampleRate / 1000} kHz · ${hello.channels === 1 ? 'mono' : `${hello.channels} ch`}`;
+    ui.address.textContent = new URL(client.url).host;
   }
 
   ui.streamState.textContent = STREAM_LABELS[stream.state];
@@ -170,14 +170,14 @@ client.on('state', (status) => {
 client.on('stream', (stream) => {
   if (stream.state === 'streaming') log.add('info', 'stream', 'Streaming started.');
   if (stream.state === 'stopped' && stream.error && stream.error.code !== 'taken_over') {
-    log.add('warn', stream.error.code, stream.error.message);
+    log.add('warn', stream.error.code.replaceAll('_', ' '), stream.error.message);
   }
   if (stream.state !== 'streaming') meter.reset();
   render();
 });
 client.on('takenOver', () => log.add('warn', 'taken over', 'Another page started streaming; this page no longer receives audio.'));
 client.on('deviceError', (error) => log.add('bad', 'device error', error.message));
-client.on('error', (error) => log.add('bad', error.code, error.message));
+client.on('error', (error) => log.add('bad', error.code.replaceAll('_', ' '), error.message));
 client.on('callEnded', (call) => log.add('call', 'call ended', `${call.name} (${call.app}, ${call.id})`));
 client.on('audio', (frame) => {
   history.append(frame);

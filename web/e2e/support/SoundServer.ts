@@ -91,6 +91,18 @@ export class SoundServer {
     return tone;
   }
 
+  /** Plays a sound file (WAV) into `sink` with paplay. */
+  playFile(file: string, sink = SoundServer.speakers): Child {
+    const player = new Child(
+      'paplay',
+      [`--device=${sink}`, file],
+      this.environment(),
+      path.join(this.directory, `play-${++this.#toneCount}.out`),
+    );
+    this.#tones.push(player);
+    return player;
+  }
+
   /** Kills the daemon abruptly, as a crash would; clients see the connection drop. */
   async kill(): Promise<void> {
     await Promise.all(this.#tones.map((tone) => tone.kill()));
