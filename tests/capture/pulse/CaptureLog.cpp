@@ -15,14 +15,23 @@
 namespace velmora::testing {
 namespace {
 
-// Runs before main, so before the first line is logged and the log fixes its folder.
-const bool privateLogFolder = [] {
-    auto folder = std::filesystem::temp_directory_path() /
-                  ("velmora-pulse-tests-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder);
-    ::setenv("XDG_STATE_HOME", folder.c_str(), 1);
-    return true;
-}();
+// Made before main, so before the first line is logged and the log fixes its folder; removed
+// after the log (made later, so destroyed earlier) has written its last line.
+struct PrivateLogFolder {
+    PrivateLogFolder()
+        : path(std::filesystem::temp_directory_path() /
+               ("velmora-pulse-tests-" + std::to_string(::getpid()))) {
+        std::filesystem::create_directories(path);
+        ::setenv("XDG_STATE_HOME", path.c_str(), 1);
+    }
+    ~PrivateLogFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    std::filesystem::path path;
+};
+
+const PrivateLogFolder privateLogFolder;
 
 std::filesystem::path logPath() {
     return LogFile::defaultFolder() / AudioKit::config().logFileName;

@@ -135,8 +135,11 @@ class PulseAudioTapTest : public ::testing::TestWithParam<Kind> {
     }
 
     std::unique_ptr<SoundServer> server_;
-    std::unique_ptr<PulseAudioTap> tap_;
+    // Declared before the tap, so they outlive its streams.
+    Received received_;
+    Reports reports_;
     SerialQueue queue_{"com.velmora.audiohelper.capture"};
+    std::unique_ptr<PulseAudioTap> tap_;
 };
 
 TEST_P(PulseAudioTapTest, ReportsTheDefaultSinksFormatAsInterleavedFloat32) {
@@ -163,29 +166,27 @@ TEST_P(PulseAudioTapTest, RecordsTheDefaultSinksMonitorByItsOwnName) {
 
 TEST_P(PulseAudioTapTest, DeliversWhatIsPlayedAsOneInterleavedBufferOnTheGivenQueue) {
     auto tone = server_->playTone(SoundServer::speakers, 1000, 20);
-    Received received;
     tap_->createTap();
     tap_->createDevice();
-    tap_->startIO(queue_, received.handler(queue_));
-    EXPECT_TRUE(received.waitForLoudSamples(4800, 0.1f, 10000ms));
-    EXPECT_EQ(received.channels(), 2u);
-    EXPECT_EQ(received.violations(), 0);
+    tap_->startIO(queue_, received_.handler(queue_));
+    EXPECT_TRUE(received_.waitForLoudSamples(4800, 0.1f, 10000ms));
+    EXPECT_EQ(received_.channels(), 2u);
+    EXPECT_EQ(received_.violations(), 0);
 }
 
 TEST_P(PulseAudioTapTest, NothingReachesTheHandlerAfterTeardownReturns) {
     auto tone = server_->playTone(SoundServer::speakers, 1000, 20);
-    Received received;
     tap_->createTap();
     tap_->createDevice();
-    tap_->startIO(queue_, received.handler(queue_));
-    ASSERT_TRUE(received.waitForLoudSamples(480, 0.1f, 10000ms));
+    tap_->startIO(queue_, received_.handler(queue_));
+    ASSERT_TRUE(received_.waitForLoudSamples(480, 0.1f, 10000ms));
     tap_->teardown();
-    received.markTornDown();
+    received_.markTornDown();
     EXPECT_FALSE(tap_->hasTap());
     // Anything still on its way would arrive within a few fragments.
     std::this_thread::sleep_for(200ms);
     queue_.runAndWait([] {});
-    EXPECT_EQ(received.violations(), 0);
+    EXPECT_EQ(received_.violations(), 0);
 }
 
 TEST_P(PulseAudioTapTest, TeardownWithNothingToDestroyIsHarmless) {
@@ -195,69 +196,61 @@ TEST_P(PulseAudioTapTest, TeardownWithNothingToDestroyIsHarmless) {
 }
 
 TEST_P(PulseAudioTapTest, ReportsADefaultSinkChangeWhileNoTapExists) {
-    Reports reports;
-    tap_->installDefaultOutputListener(reports.listener());
+    tap_->installDefaultOutputListener(reports_.listener());
     server_->setDefaultSink(SoundServer::headphones);
-    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+    EXPECT_TRUE(reports_.waitForCount(1, 5000ms));
 }
 
 TEST_P(PulseAudioTapTest, KeepsReportingChangesAcrossTeardownAndRecreate) {
-    Reports reports;
-    tap_->installDefaultOutputListener(reports.listener());
-    Received received;
+    tap_->installDefaultOutputListener(reports_.listener());
     tap_->createTap();
     tap_->createDevice();
-    tap_->startIO(queue_, received.handler(queue_));
+    tap_->startIO(queue_, received_.handler(queue_));
     tap_->teardown();
     tap_->createTap();
     server_->setDefaultSink(SoundServer::headphones);
-    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+    EXPECT_TRUE(reports_.waitForCount(1, 5000ms));
     tap_->teardown();
     server_->setDefaultSink(SoundServer::speakers);
-    EXPECT_TRUE(reports.waitForCount(2, 5000ms));
+    EXPECT_TRUE(reports_.waitForCount(2, 5000ms));
 }
 
 TEST_P(PulseAudioTapTest, ReportsARunningStreamWhoseSinkIsRemoved) {
     server_->loadNullSink("extra", 48000, 2);
     server_->setDefaultSink("extra");
-    Reports reports;
-    Received received;
-    tap_->installDefaultOutputListener(reports.listener());
+    tap_->installDefaultOutputListener(reports_.listener());
     tap_->createTap();
     ASSERT_EQ(tap_->monitorSourceName(), "extra.monitor");
     tap_->createDevice();
-    tap_->startIO(queue_, received.handler(queue_));
+    tap_->startIO(queue_, received_.handler(queue_));
     // Moving the default away first leaves the removal to the stream alone.
     server_->setDefaultSink(SoundServer::speakers);
-    ASSERT_TRUE(reports.waitForCount(1, 5000ms));
+    ASSERT_TRUE(reports_.waitForCount(1, 5000ms));
     server_->removeSink("extra");
-    EXPECT_TRUE(reports.waitForCount(2, 5000ms));
+    EXPECT_TRUE(reports_.waitForCount(2, 5000ms));
 }
 
 TEST_P(PulseAudioTapTest, ReportsARunningStreamWhenTheServerDies) {
-    Reports reports;
-    Received received;
-    tap_->installDefaultOutputListener(reports.listener());
+    tap_->installDefaultOutputListener(reports_.listener());
     tap_->createTap();
     tap_->createDevice();
-    tap_->startIO(queue_, received.handler(queue_));
+    tap_->startIO(queue_, received_.handler(queue_));
     server_->kill();
-    EXPECT_TRUE(reports.waitForCount(1, 5000ms));
+    EXPECT_TRUE(reports_.waitForCount(1, 5000ms));
 }
 
 TEST_P(PulseAudioTapTest, TheWatchReconnectsAfterTheServerComesBack) {
-    Reports reports;
-    tap_->installDefaultOutputListener(reports.listener());
+    tap_->installDefaultOutputListener(reports_.listener());
     server_->kill();
     server_->restart();
     // Reconnection backs off up to 4 s; then the watch knows the default again.
-    const int before = reports.count();
+    const int before = reports_.count();
     const auto deadline = std::chrono::steady_clock::now() + 15s;
     bool reported = false;
     // Flip the default until the reconnected watch notices one flip.
     for (int flip = 0; !reported && std::chrono::steady_clock::now() < deadline; ++flip) {
         server_->setDefaultSink(flip % 2 == 0 ? SoundServer::headphones : SoundServer::speakers);
-        reported = reports.waitForCount(before + 1, 1000ms);
+        reported = reports_.waitForCount(before + 1, 1000ms);
     }
     EXPECT_TRUE(reported);
 }
@@ -268,8 +261,7 @@ TEST_P(PulseAudioTapTest, AMonitorThatVanishedBeforeStartFailsToStart) {
     tap_->createTap();
     tap_->createDevice();
     server_->removeSink("extra");
-    Received received;
-    const auto message = deviceMessage([&] { tap_->startIO(queue_, received.handler(queue_)); });
+    const auto message = deviceMessage([&] { tap_->startIO(queue_, received_.handler(queue_)); });
     EXPECT_EQ(message.rfind("device_error: Could not start system audio capture (", 0), 0u)
         << message;
 }
