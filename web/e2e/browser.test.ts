@@ -5,7 +5,7 @@ import { existsSync, mkdirSync, readFileSync } from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import type { Page } from 'playwright-core';
-import { afterAll, beforeAll, describe, expect, it } from 'vitest';
+import { afterAll, afterEach, beforeAll, describe, expect, it } from 'vitest';
 import { issuePass } from '@velmora/pass-issuer';
 import { DEVELOPMENT_KEY_FILE, startDemoServer, type RunningDemoServer } from '../demo/server/DemoServer.js';
 import { dbfs, dominantFrequency, parseWav, purity } from './support/analysis.js';
@@ -40,6 +40,7 @@ let browser: Browser;
 let first: Page;
 let second: Page;
 let tone: ReturnType<SoundServer['playTone']>;
+let call: { recorder: ReturnType<SoundServer['recordAs']>; since: number };
 
 function pageUrl(): string {
   return `${demo.url}?helperPort=${helper.port}`;
@@ -115,6 +116,12 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     browser = await launchBrowser({ ...browserEnv, XDG_RUNTIME_DIR: path.join(sound.directory, 'home') });
   }, 90_000);
 
+  afterEach((context) => {
+    if (context.task.result?.state === 'fail' && helper) {
+      console.log(`--- helper log\n${helper.log()}\n--- helper output\n${helper.output()}`);
+    }
+  });
+
   afterAll(async () => {
     await browser?.close();
     await demo?.close();
@@ -172,6 +179,8 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     await first.click('#start');
     await first.waitForSelector('#stream-state[data-state="streaming"]', { timeout: 20_000 });
     expect(await first.textContent('#stream-state')).toBe('Streaming');
+    // A Zoom call starts (it holds the microphone) while the page streams; it ends further on.
+    call = { recorder: sound.recordAs({ 'application.name': 'Zoom', 'application.id': 'us.zoom.Zoom' }), since: Date.now() };
   });
 
   it(`shows a ${TONE_HZ} Hz tone played into the sink at its frequency and level`, async () => {
@@ -245,6 +254,17 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     }
     await screenshot(first, 'demo-streaming.png');
   });
+
+  it('shows the end of a call in a known meeting app', async () => {
+    // A call counts once it was seen on the microphone for 10 s (seen every 2 s, so hold it
+    // longer); it has ended 15 s after letting go.
+    const heldFor = Date.now() - call.since;
+    if (heldFor < 15_000) await first.waitForTimeout(15_000 - heldFor);
+    await call.recorder.stop();
+    await first.waitForSelector('#events li[data-kind="call"]', { timeout: 25_000 });
+    expect(await first.textContent('#events li[data-kind="call"]')).toContain('Zoom (zoom, us.zoom.xos)');
+    expect(await streamState(first)).toBe('streaming');
+  }, 60_000);
 
   it('shows "Taken over" when a second tab starts streaming', async () => {
     second = await openDemo();

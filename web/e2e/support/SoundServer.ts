@@ -91,6 +91,21 @@ export class SoundServer {
     return tone;
   }
 
+  /**
+   * Records from the silent microphone as a meeting app would during a call: parec, with stream
+   * properties that name the app (for example {"application.id": "us.zoom.Zoom"}).
+   */
+  recordAs(properties: Record<string, string>): Child {
+    const recorder = new Child(
+      'parec',
+      ['--device=microphone', '--raw', ...Object.entries(properties).map(([key, value]) => `--property=${key}=${value}`)],
+      this.environment(),
+      '/dev/null',
+    );
+    this.#tones.push(recorder);
+    return recorder;
+  }
+
   /** Plays a sound file (WAV) into `sink` with paplay. */
   playFile(file: string, sink = SoundServer.speakers): Child {
     const player = new Child(
