@@ -6,47 +6,98 @@
 #include <boost/asio/steady_timer.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <set>
 #include <stdexcept>
+#include <vector>
 
 namespace velmora {
 namespace {
 
 thread_local const SerialQueue* currentQueue = nullptr;
 
+class SteadyQueueTimer;
+
+// The live timers of one queue. A timer may outlive its queue (a member declared before the
+// queue, a copy kept elsewhere); the queue's destructor then takes each asio timer away while
+// the loop they belong to still exists, so a later cancel() or release touches nothing gone.
+struct TimerRegistry {
+    std::mutex mutex;
+    std::set<SteadyQueueTimer*> timers;
+};
+
+// Keeps a queue's registry with its event loop, so the queue's layout needs no extra member.
+class TimerRegistryService final : public boost::asio::execution_context::service {
+  public:
+    static inline boost::asio::execution_context::id id;
+
+    explicit TimerRegistryService(boost::asio::execution_context& context) : service(context) {}
+
+    const std::shared_ptr<TimerRegistry> registry = std::make_shared<TimerRegistry>();
+
+  private:
+    void shutdown() override {}
+};
+
+std::shared_ptr<TimerRegistry> registryOf(boost::asio::io_context& context) {
+    return boost::asio::use_service<TimerRegistryService>(context).registry;
+}
+
 class SteadyQueueTimer final : public QueueTimer {
-public:
+  public:
     SteadyQueueTimer(boost::asio::io_context& context, SerialQueue::Duration interval,
                      std::function<void()> work)
-        : timer_(context), interval_(interval), work_(std::move(work)) {}
+        : registry_(registryOf(context)),
+          timer_(std::make_unique<boost::asio::steady_timer>(context)),
+          interval_(interval),
+          work_(std::move(work)) {
+        std::lock_guard guard(registry_->mutex);
+        registry_->timers.insert(this);
+    }
 
+    ~SteadyQueueTimer() override {
+        // No wait is pending (it would hold this timer), so nothing re-enters from here.
+        std::lock_guard guard(registry_->mutex);
+        registry_->timers.erase(this);
+        timer_.reset();
+    }
+
+    // Runs on the queue.
     void arm(std::chrono::steady_clock::time_point deadline) {
-        timer_.expires_at(deadline);
+        timer_->expires_at(deadline);
         wait();
     }
 
     void cancel() override {
         cancelled_ = true;
+        std::lock_guard guard(registry_->mutex);
+        if (!timer_) return;  // its queue is gone, and with it every firing
         // The asio timer itself is only touched on its own loop.
-        boost::asio::post(timer_.get_executor(),
-                          [self = shared_from_this(), this] { timer_.cancel(); });
+        boost::asio::post(timer_->get_executor(),
+                          [self = shared_from_this(), this] { timer_->cancel(); });
     }
 
     bool isCancelled() const override { return cancelled_; }
 
-private:
+    // Called by the queue's destructor with the registry locked, after its loop has ended.
+    std::unique_ptr<boost::asio::steady_timer> detachLocked() { return std::move(timer_); }
+
+  private:
     void wait() {
-        timer_.async_wait([self = shared_from_this(), this](const boost::system::error_code& error) {
-            if (error || cancelled_) return;
-            work_();
-            if (cancelled_ || interval_ == SerialQueue::Duration::zero()) return;
-            auto next = timer_.expiry() + interval_;
-            auto now = std::chrono::steady_clock::now();
-            timer_.expires_at(next < now ? now : next);
-            wait();
-        });
+        timer_->async_wait(
+            [self = shared_from_this(), this](const boost::system::error_code& error) {
+                if (error || cancelled_) return;
+                work_();
+                if (cancelled_ || interval_ == SerialQueue::Duration::zero()) return;
+                auto next = timer_->expiry() + interval_;
+                auto now = std::chrono::steady_clock::now();
+                timer_->expires_at(next < now ? now : next);
+                wait();
+            });
     }
 
-    boost::asio::steady_timer timer_;
+    const std::shared_ptr<TimerRegistry> registry_;
+    std::unique_ptr<boost::asio::steady_timer> timer_;
     SerialQueue::Duration interval_;
     std::function<void()> work_;
     std::atomic<bool> cancelled_{false};
@@ -70,6 +121,15 @@ SerialQueue::SerialQueue(std::string name, CallerThread)
 SerialQueue::~SerialQueue() {
     stop();
     if (thread_.joinable()) thread_.join();
+    // Timers held beyond this point lose their asio timers now, while the loop still exists.
+    std::vector<std::unique_ptr<boost::asio::steady_timer>> detached;
+    {
+        auto registry = registryOf(context_);
+        std::lock_guard guard(registry->mutex);
+        for (SteadyQueueTimer* timer : registry->timers) detached.push_back(timer->detachLocked());
+    }
+    // Destroyed outside the lock: cancelling their waits hands the handlers to the loop, whose
+    // destruction then releases them (and may release the timers).
 }
 
 void SerialQueue::loop() {
@@ -78,7 +138,9 @@ void SerialQueue::loop() {
     currentQueue = nullptr;
 }
 
-void SerialQueue::run() { loop(); }
+void SerialQueue::run() {
+    loop();
+}
 
 void SerialQueue::stop() {
     // The destructor stops too, possibly after another thread did; the guard is reset only once.
@@ -130,6 +192,8 @@ std::shared_ptr<QueueTimer> SerialQueue::repeat(Duration first, Duration interva
     return timer;
 }
 
-bool SerialQueue::isCurrent() const { return currentQueue == this; }
+bool SerialQueue::isCurrent() const {
+    return currentQueue == this;
+}
 
 }  // namespace velmora

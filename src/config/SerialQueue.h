@@ -82,6 +82,7 @@ private:
 
 // A timer created by a SerialQueue. cancel() may be called from any thread; once it returns on
 // the queue's own thread, or once a firing already under way finishes, no firing follows.
+// A timer may outlive its queue: it then never fires, and cancel() and release stay safe.
 class QueueTimer : public std::enable_shared_from_this<QueueTimer> {
 public:
     virtual ~QueueTimer() = default;

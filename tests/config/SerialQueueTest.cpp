@@ -291,3 +291,25 @@ TEST(SerialQueue, AssertOnQueueAbortsOffTheQueueInDebugBuilds) {
 
 }  // namespace
 }  // namespace velmora
+
+namespace velmora {
+namespace {
+
+TEST(SerialQueue, TimerHeldPastItsQueueCanStillBeCancelledAndDropped) {
+    std::shared_ptr<QueueTimer> once;
+    std::shared_ptr<QueueTimer> repeating;
+    {
+        SerialQueue queue("com.velmora.test.outlived");
+        once = queue.runAfter(std::chrono::hours(1), [] {});
+        repeating = queue.repeat(std::chrono::hours(1), std::chrono::hours(1),
+                                 std::chrono::seconds(0), [] {});
+        queue.runAndWait([] {});  // both timers are armed now
+    }
+    once->cancel();
+    EXPECT_TRUE(once->isCancelled());
+    once.reset();
+    repeating.reset();
+}
+
+}  // namespace
+}  // namespace velmora
