@@ -5,7 +5,9 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <optional>
 
+#include "capture/CaptureError.h"
 #include "capture/FrameRecorder.h"
 #include "capture/SystemAudioCapture.h"
 #include "config/SerialQueue.h"
@@ -53,8 +55,18 @@ class CaptureTestFixture : public ::testing::Test {
         });
     }
 
+    // Starts on the server queue; a failure is rethrown here as a copy, so the exception object
+    // itself never crosses threads.
     void start() {
-        serverQueue.sync([&] { capture->start(); });
+        auto failure = serverQueue.sync([&]() -> std::optional<CaptureError> {
+            try {
+                capture->start();
+                return std::nullopt;
+            } catch (const CaptureError& error) {
+                return error;
+            }
+        });
+        if (failure) throw *failure;
     }
     void stop() {
         serverQueue.sync([&] { capture->stop(); });

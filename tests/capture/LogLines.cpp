@@ -15,11 +15,22 @@ namespace velmora::testing {
 namespace {
 
 // Runs before main, so before the first line is logged and the log fixes its folder.
+const std::filesystem::path& testFolder() {
+    static const std::filesystem::path folder =
+        std::filesystem::temp_directory_path() /
+        ("velmora-capture-tests-" + std::to_string(::getpid()));
+    return folder;
+}
+
 const bool privateLogFolder = [] {
-    auto folder = std::filesystem::temp_directory_path() /
-                  ("velmora-capture-tests-" + std::to_string(::getpid()));
+    const auto& folder = testFolder();
     std::filesystem::create_directories(folder);
     ::setenv("XDG_STATE_HOME", folder.c_str(), 1);
+    // Registered before the log exists, so it runs after the log has written its last line.
+    std::atexit([] {
+        std::error_code ignored;
+        std::filesystem::remove_all(testFolder(), ignored);
+    });
     return true;
 }();
 
