@@ -190,12 +190,19 @@ describe.skipIf(!helperPath)('the demo page with the real helper', () => {
     await first.waitForTimeout(1500);
     const samples = await latestSamples(first, 16000);
     expect(samples).toHaveLength(16000);
-    const frequency = dominantFrequency(samples, 16000);
     const level = dbfs(samples);
-    console.log(`received tone: ${frequency.toFixed(1)} Hz at ${level.toFixed(2)} dBFS, purity ${purity(samples, TONE_HZ, 16000).toFixed(3)}`);
-    expect(Math.abs(frequency - TONE_HZ)).toBeLessThan(2);
+    // Four quarter-second windows: a glitch of the player on a busy machine spoils one, not all.
+    const windows = [0, 1, 2, 3].map((i) => {
+      const window = samples.subarray(i * 4000, (i + 1) * 4000);
+      return { frequency: dominantFrequency(window, 16000), purity: purity(window, TONE_HZ, 16000) };
+    });
+    console.log(
+      `received tone at ${level.toFixed(2)} dBFS: ` +
+        windows.map((w) => `${w.frequency.toFixed(1)} Hz (purity ${w.purity.toFixed(3)})`).join(', '),
+    );
     expect(Math.abs(level - TONE_DBFS)).toBeLessThan(1);
-    expect(purity(samples, TONE_HZ, 16000)).toBeGreaterThan(0.95);
+    const clean = windows.filter((w) => Math.abs(w.frequency - TONE_HZ) < 1 && w.purity > 0.95);
+    expect(clean.length).toBeGreaterThanOrEqual(3);
     const readout = await first.textContent('#level-readout');
     expect(Math.abs(Number.parseFloat(readout ?? '') - TONE_DBFS)).toBeLessThan(1.5);
   });

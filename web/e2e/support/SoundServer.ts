@@ -70,7 +70,11 @@ export class SoundServer {
     return this.#daemon?.running ?? false;
   }
 
-  /** Plays a sine tone of `hz` at amplitude 0.5 into `sink` (48 kHz stereo float32) with pacat. */
+  /**
+   * Plays a sine tone of `hz` at amplitude 0.5 into `sink` (48 kHz stereo float32) with pacat.
+   * With 100 ms of latency rather than the fixture's 20 ms: on a busy machine a shorter buffer
+   * underruns and puts gaps into the tone.
+   */
   playTone(hz: number, seconds: number, sink = SoundServer.speakers, rate = 48000): Child {
     const frames = Math.round(seconds * rate);
     const samples = new Float32Array(frames * 2);
@@ -83,7 +87,7 @@ export class SoundServer {
     writeFileSync(file, new Uint8Array(samples.buffer));
     const tone = new Child(
       'pacat',
-      ['--playback', '--raw', `--device=${sink}`, '--format=float32le', `--rate=${rate}`, '--channels=2', '--latency-msec=20', file],
+      ['--playback', '--raw', `--device=${sink}`, '--format=float32le', `--rate=${rate}`, '--channels=2', '--latency-msec=100', file],
       this.environment(),
       path.join(this.directory, `tone-${this.#toneCount}.out`),
     );
