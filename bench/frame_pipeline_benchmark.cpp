@@ -11,6 +11,7 @@
 #include "capture/FramePipeline.h"
 #include "capture/MonotonicClock.h"
 #include "capture/RepeatingTimerFactory.h"
+#include "capture/SoxrResampler.h"
 #include "config/SerialQueue.h"
 
 namespace velmora {
@@ -22,8 +23,9 @@ constexpr int callbacksPerIteration = 100;      // one second of audio
 
 void handleStereoCallbacks(benchmark::State& state, ResamplerQuality quality) {
     SerialQueue queue("com.velmora.audiohelper.capture");
-    auto pipeline = FramePipeline::create(queue, steadyMonotonicClock(), queueTimerFactory(),
-                                          ResamplerSettings{.quality = quality});
+    auto pipeline =
+        FramePipeline::create(queue, steadyMonotonicClock(), queueTimerFactory(),
+                              SoxrResampler::factory(ResamplerSettings{.quality = quality}));
     std::size_t bytesOut = 0;
     pipeline->setOnFrame([&](FramePipeline::Frame frame) { bytesOut += frame.size(); });
     float lastLevel = 0;

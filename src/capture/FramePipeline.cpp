@@ -35,18 +35,18 @@ void requireThat(bool condition, const char* what) {
 std::shared_ptr<FramePipeline> FramePipeline::create(SerialQueue& queue,
                                                      std::shared_ptr<MonotonicClock> clock,
                                                      std::shared_ptr<RepeatingTimerFactory> timers,
-                                                     Resampler::Settings resampler) {
+                                                     ResamplerFactory makeResampler) {
     return std::shared_ptr<FramePipeline>(
-        new FramePipeline(queue, std::move(clock), std::move(timers), resampler));
+        new FramePipeline(queue, std::move(clock), std::move(timers), std::move(makeResampler)));
 }
 
 FramePipeline::FramePipeline(SerialQueue& queue, std::shared_ptr<MonotonicClock> clock,
                              std::shared_ptr<RepeatingTimerFactory> timers,
-                             Resampler::Settings resampler)
+                             ResamplerFactory makeResampler)
     : queue_(queue),
       clock_(std::move(clock)),
       timers_(std::move(timers)),
-      resamplerSettings_(resampler) {
+      makeResampler_(std::move(makeResampler)) {
     mono_.reserve(reservedCallbackSamples);
     pending_.reserve(frameSamples + reservedCallbackSamples);
 }
@@ -80,7 +80,7 @@ void FramePipeline::configureConverter(const InputFormat& format) {
             converter_.reset();
             return;
         }
-        converter_ = Resampler::create(format_.sampleRate, outputRate, resamplerSettings_);
+        converter_ = makeResampler_ ? makeResampler_(format_.sampleRate, outputRate) : nullptr;
         if (!converter_) {
             log("Resampler unavailable for " +
                 std::to_string(static_cast<long long>(format_.sampleRate)) +

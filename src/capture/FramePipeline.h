@@ -8,6 +8,7 @@
 
 #include "capture/InputBuffer.h"
 #include "capture/Resampler.h"
+#include "capture/SoxrResampler.h"
 
 namespace velmora {
 
@@ -36,10 +37,10 @@ class FramePipeline : public std::enable_shared_from_this<FramePipeline> {
     static constexpr std::uint64_t paddingIntervalNanoseconds = 100'000'000;
     static constexpr std::uint64_t quietBeforePaddingNanoseconds = 250'000'000;
 
-    static std::shared_ptr<FramePipeline> create(SerialQueue& queue,
-                                                 std::shared_ptr<MonotonicClock> clock,
-                                                 std::shared_ptr<RepeatingTimerFactory> timers,
-                                                 Resampler::Settings resampler = {});
+    static std::shared_ptr<FramePipeline> create(
+        SerialQueue& queue, std::shared_ptr<MonotonicClock> clock,
+        std::shared_ptr<RepeatingTimerFactory> timers,
+        ResamplerFactory makeResampler = SoxrResampler::factory());
     ~FramePipeline();
 
     FramePipeline(const FramePipeline&) = delete;
@@ -69,11 +70,10 @@ class FramePipeline : public std::enable_shared_from_this<FramePipeline> {
     bool hasConverter() const { return converter_ != nullptr; }
     bool isPadding() const { return padTimer_ != nullptr; }
     std::int64_t emittedSamples() const { return emittedSamples_; }
-    const Resampler* converter() const { return converter_.get(); }
 
   private:
     FramePipeline(SerialQueue& queue, std::shared_ptr<MonotonicClock> clock,
-                  std::shared_ptr<RepeatingTimerFactory> timers, Resampler::Settings resampler);
+                  std::shared_ptr<RepeatingTimerFactory> timers, ResamplerFactory makeResampler);
 
     void runOnQueue(const std::function<void()>& work);
     void downMix(const InputBufferList& bufferList);
@@ -83,7 +83,7 @@ class FramePipeline : public std::enable_shared_from_this<FramePipeline> {
     SerialQueue& queue_;
     std::shared_ptr<MonotonicClock> clock_;
     std::shared_ptr<RepeatingTimerFactory> timers_;
-    Resampler::Settings resamplerSettings_;
+    ResamplerFactory makeResampler_;
 
     std::function<void(Frame)> onFrame_;
     std::function<void(float)> onLevel_;

@@ -5,7 +5,9 @@
 #include <cmath>
 #include <cstring>
 #include <numbers>
+#include <optional>
 #include <random>
+#include <span>
 
 #include "capture/LogLines.h"
 #include "capture/PipelineTestFixture.h"
@@ -263,6 +265,68 @@ TEST_F(FramePipelineTest, ClearingRemovesTheConverterAndDiscardsThePartialFrame)
     pipeline->clear();
     EXPECT_FALSE(hasConverter());
     EXPECT_EQ(pending(), 0u);
+}
+
+// A converter that fails while told to, and otherwise passes samples through.
+class ScriptedResampler final : public Resampler {
+  public:
+    explicit ScriptedResampler(std::shared_ptr<std::optional<std::string>> failure)
+        : failure_(std::move(failure)) {}
+
+    std::optional<std::string> process(std::span<const float> input,
+                                       std::vector<float>& output) override {
+        if (*failure_) return **failure_;
+        output.insert(output.end(), input.begin(), input.end());
+        return std::nullopt;
+    }
+
+  private:
+    std::shared_ptr<std::optional<std::string>> failure_;
+};
+
+class FramePipelineConverterTest : public PipelineTestFixture {
+  protected:
+    void SetUp() override {
+        pipeline = FramePipeline::create(queue, clock, timers, [this](double, double) {
+            ++made;
+            return std::make_unique<ScriptedResampler>(failure);
+        });
+        PipelineTestFixture::SetUp();
+        configure(48000, true, 1);
+    }
+
+    std::shared_ptr<std::optional<std::string>> failure =
+        std::make_shared<std::optional<std::string>>();
+    int made = 0;
+};
+
+TEST_F(FramePipelineConverterTest, AConverterErrorIsLoggedAndThatCallbacksAudioDropped) {
+    *failure = "input rate too high";
+    LogLines log;
+    feedMono(std::vector<float>(1000, 0.5f));
+    EXPECT_EQ(pending(), 0u);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Resampler error: input rate too high"});
+    // The converter is kept: the next callback goes through it again.
+    failure->reset();
+    feedMono(std::vector<float>(1000, 0.5f));
+    EXPECT_EQ(pending(), 1000u);
+    EXPECT_EQ(made, 1);
+}
+
+TEST_F(FramePipelineConverterTest, AConverterErrorWithoutTextIsLoggedAsQuestionMark) {
+    *failure = "";
+    LogLines log;
+    feedMono(std::vector<float>(10, 0.5f));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Resampler error: ?"});
+}
+
+TEST_F(FramePipelineTest, WithoutAConverterTheSamplesPassThroughUnconverted) {
+    pipeline = FramePipeline::create(queue, clock, timers, [](double, double) { return nullptr; });
+    pipeline->setOnFrame(recorder.frameSink());
+    configure(48000, true, 1);
+    EXPECT_FALSE(hasConverter());
+    feedMono(std::vector<float>(frameSamples, 0.5f));
+    EXPECT_EQ(recorder.frameCount(), 1u);
 }
 
 }  // namespace

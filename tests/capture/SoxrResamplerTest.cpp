@@ -1,4 +1,4 @@
-#include "capture/Resampler.h"
+#include "capture/SoxrResampler.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ struct Figures {
 };
 
 // Streams `input` through in 10 ms callbacks.
-std::vector<float> stream(Resampler& resampler, const std::vector<float>& input,
+std::vector<float> stream(SoxrResampler& resampler, const std::vector<float>& input,
                           double* averageHeldBack = nullptr) {
     const auto perCallback = static_cast<std::size_t>(resampler.inputRate() / 100.0);
     const double ratio = resampler.outputRate() / resampler.inputRate();
@@ -40,11 +40,11 @@ std::vector<float> stream(Resampler& resampler, const std::vector<float>& input,
 
 Figures measure(ResamplerSettings settings) {
     const double amplitude = 0.5;
-    auto resampler = Resampler::create(48000, 16000, settings);
+    auto resampler = SoxrResampler::create(48000, 16000, settings);
     double heldBack = 0;
     auto tone = stream(*resampler, sine(48000 * 4, 1000, 48000, amplitude), &heldBack);
     auto fit = fitSine(tone, 4000, 56000, 1000, 16000, amplitude);
-    auto stopBand = Resampler::create(48000, 16000, settings);
+    auto stopBand = SoxrResampler::create(48000, 16000, settings);
     auto high = stream(*stopBand, sine(48000 * 4, 9000, 48000, amplitude));
     const double attenuation =
         20 * std::log10((amplitude / std::sqrt(2.0)) / rms(high, 4000, 56000));
@@ -64,7 +64,7 @@ const char* nameOf(ResamplerSettings settings) {
     return "?";
 }
 
-TEST(ResamplerTest, TheDefaultHasTheLowestDelayOfTheVariantsThatStayClean) {
+TEST(SoxrResamplerTest, TheDefaultHasTheLowestDelayOfTheVariantsThatStayClean) {
     const ResamplerSettings chosen;
     const Figures chosenFigures = measure(chosen);
     EXPECT_GE(chosenFigures.snrDecibels, 90.0);
@@ -86,12 +86,12 @@ TEST(ResamplerTest, TheDefaultHasTheLowestDelayOfTheVariantsThatStayClean) {
     RecordProperty("delay_ms", std::to_string(chosenFigures.averageDelayMilliseconds));
 }
 
-TEST(ResamplerTest, StateIsKeptAcrossCallsWhateverTheirSizes) {
+TEST(SoxrResamplerTest, StateIsKeptAcrossCallsWhateverTheirSizes) {
     const auto input = sine(48000, 440, 48000, 0.5);
-    auto whole = Resampler::create(48000, 16000);
+    auto whole = SoxrResampler::create(48000, 16000);
     std::vector<float> once;
     ASSERT_FALSE(whole->process(input, once));
-    auto pieces = Resampler::create(48000, 16000);
+    auto pieces = SoxrResampler::create(48000, 16000);
     std::vector<float> piecewise;
     const std::size_t sizes[] = {1, 7, 480, 1024, 3};
     std::size_t start = 0;
@@ -105,8 +105,8 @@ TEST(ResamplerTest, StateIsKeptAcrossCallsWhateverTheirSizes) {
     for (std::size_t n = 0; n < common; ++n) ASSERT_NEAR(piecewise[n], once[n], 1e-6f) << n;
 }
 
-TEST(ResamplerTest, OutputIsAppendedAfterWhatIsAlreadyThere) {
-    auto resampler = Resampler::create(48000, 16000);
+TEST(SoxrResamplerTest, OutputIsAppendedAfterWhatIsAlreadyThere) {
+    auto resampler = SoxrResampler::create(48000, 16000);
     std::vector<float> output{7.0f, 8.0f};
     ASSERT_FALSE(resampler->process(std::vector<float>(48000, 0.25f), output));
     ASSERT_GT(output.size(), 2u);
@@ -114,10 +114,10 @@ TEST(ResamplerTest, OutputIsAppendedAfterWhatIsAlreadyThere) {
     EXPECT_EQ(output[1], 8.0f);
 }
 
-TEST(ResamplerTest, RatesItCannotUseYieldNoResampler) {
-    EXPECT_EQ(Resampler::create(0, 16000), nullptr);
-    EXPECT_EQ(Resampler::create(-44100, 16000), nullptr);
-    EXPECT_EQ(Resampler::create(std::nan(""), 16000), nullptr);
+TEST(SoxrResamplerTest, RatesItCannotUseYieldNoResampler) {
+    EXPECT_EQ(SoxrResampler::create(0, 16000), nullptr);
+    EXPECT_EQ(SoxrResampler::create(-44100, 16000), nullptr);
+    EXPECT_EQ(SoxrResampler::create(std::nan(""), 16000), nullptr);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "capture/Resampler.h"
+#include "capture/SoxrResampler.h"
 
 #include <soxr.h>
 
@@ -6,7 +6,7 @@
 
 namespace velmora {
 
-struct Resampler::Handle {
+struct SoxrResampler::Handle {
     soxr_t soxr = nullptr;
     ~Handle() {
         if (soxr != nullptr) soxr_delete(soxr);
@@ -15,14 +15,14 @@ struct Resampler::Handle {
 
 namespace {
 
-unsigned long recipeOf(const Resampler::Settings& settings) {
-    unsigned long recipe = settings.quality == Resampler::Quality::veryHigh ? SOXR_VHQ : SOXR_HQ;
+unsigned long recipeOf(const ResamplerSettings& settings) {
+    unsigned long recipe = settings.quality == ResamplerQuality::veryHigh ? SOXR_VHQ : SOXR_HQ;
     switch (settings.phase) {
-        case Resampler::Phase::linear:
+        case ResamplerPhase::linear:
             return recipe | SOXR_LINEAR_PHASE;
-        case Resampler::Phase::intermediate:
+        case ResamplerPhase::intermediate:
             return recipe | SOXR_INTERMEDIATE_PHASE;
-        case Resampler::Phase::minimum:
+        case ResamplerPhase::minimum:
             return recipe | SOXR_MINIMUM_PHASE;
     }
     return recipe;
@@ -30,8 +30,8 @@ unsigned long recipeOf(const Resampler::Settings& settings) {
 
 }  // namespace
 
-std::unique_ptr<Resampler> Resampler::create(double inputRate, double outputRate,
-                                             Settings settings) {
+std::unique_ptr<SoxrResampler> SoxrResampler::create(double inputRate, double outputRate,
+                                                     ResamplerSettings settings) {
     if (!(inputRate > 0.0) || !(outputRate > 0.0)) return nullptr;
     soxr_error_t error = nullptr;
     soxr_io_spec_t io = soxr_io_spec(SOXR_FLOAT32_I, SOXR_FLOAT32_I);
@@ -41,16 +41,23 @@ std::unique_ptr<Resampler> Resampler::create(double inputRate, double outputRate
     auto handle = std::make_unique<Handle>();
     handle->soxr = soxr_create(inputRate, outputRate, 1, &error, &io, &quality, &runtime);
     if (error != nullptr || handle->soxr == nullptr) return nullptr;
-    return std::unique_ptr<Resampler>(new Resampler(std::move(handle), inputRate, outputRate));
+    return std::unique_ptr<SoxrResampler>(
+        new SoxrResampler(std::move(handle), inputRate, outputRate));
 }
 
-Resampler::Resampler(std::unique_ptr<Handle> handle, double inputRate, double outputRate)
+SoxrResampler::SoxrResampler(std::unique_ptr<Handle> handle, double inputRate, double outputRate)
     : handle_(std::move(handle)), inputRate_(inputRate), outputRate_(outputRate) {}
 
-Resampler::~Resampler() = default;
+SoxrResampler::~SoxrResampler() = default;
 
-std::optional<std::string> Resampler::process(std::span<const float> input,
-                                              std::vector<float>& output) {
+ResamplerFactory SoxrResampler::factory(ResamplerSettings settings) {
+    return [settings](double inputRate, double outputRate) -> std::unique_ptr<Resampler> {
+        return create(inputRate, outputRate, settings);
+    };
+}
+
+std::optional<std::string> SoxrResampler::process(std::span<const float> input,
+                                                  std::vector<float>& output) {
     // Room for what this call's input yields plus what the filter may still hold back.
     const std::size_t capacity =
         static_cast<std::size_t>(outputRate_ * static_cast<double>(input.size()) / inputRate_) + 64;
@@ -80,7 +87,7 @@ std::optional<std::string> Resampler::process(std::span<const float> input,
     return std::nullopt;
 }
 
-double Resampler::delayInOutputSamples() const {
+double SoxrResampler::delayInOutputSamples() const {
     return soxr_delay(handle_->soxr);
 }
 
