@@ -4,6 +4,7 @@
 #include <systemd/sd-journal.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "config/AudioKit.h"
@@ -39,16 +40,29 @@ Logger& logger() {
     return instance;
 }
 
-}  // namespace
-
-void log(std::string_view message) {
-    Logger& shared = logger();
-    std::string text(message);
+void sendToJournal(const Logger& shared, const std::string& text) {
     // Without a journal (containers, CI) this fails quickly and is ignored.
     sd_journal_send("MESSAGE=%s", text.c_str(), "PRIORITY=%i", LOG_NOTICE,
                     "SYSLOG_IDENTIFIER=velmora-audio-helper", "VELMORA_SUBSYSTEM=%s",
                     shared.subsystem.c_str(), "VELMORA_CATEGORY=%s", shared.category.c_str(),
                     nullptr);
+}
+
+}  // namespace
+
+void log(std::string_view message) {
+    Logger& shared = logger();
+    std::string text(message);
+    // The journal library opens its socket on first use, guarded by an atomic that the thread
+    // checker cannot see; sending the first message under a once-flag orders every later send
+    // after that opening for it as well.
+    static std::once_flag firstSend;
+    bool sent = false;
+    std::call_once(firstSend, [&] {
+        sendToJournal(shared, text);
+        sent = true;
+    });
+    if (!sent) sendToJournal(shared, text);
     shared.queue.post([text = std::move(text)] { logger().file.write(text); });
 }
 

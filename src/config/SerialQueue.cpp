@@ -4,8 +4,10 @@
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <mutex>
 #include <set>
 #include <stdexcept>
@@ -164,17 +166,27 @@ void SerialQueue::runAndWait(const std::function<void()>& work) {
 #endif
     }
     if (stopped_) throw std::logic_error("queue " + name_ + " is stopped");
-    std::promise<void> done;
-    auto finished = done.get_future();
+    // The caller's frame owns the outcome; the queue moves the exception into it (never copies),
+    // so no reference to it stays behind on the queue's thread.
+    std::mutex mutex;
+    std::condition_variable finishedSignal;
+    bool finished = false;
+    std::exception_ptr failure;
     post([&] {
+        std::exception_ptr caught;
         try {
             work();
-            done.set_value();
         } catch (...) {
-            done.set_exception(std::current_exception());
+            caught = std::current_exception();
         }
+        std::lock_guard guard(mutex);
+        failure = std::move(caught);
+        finished = true;
+        finishedSignal.notify_one();  // under the lock: the waiter's frame must outlive this call
     });
-    finished.get();
+    std::unique_lock lock(mutex);
+    finishedSignal.wait(lock, [&] { return finished; });
+    if (failure) std::rethrow_exception(failure);
 }
 
 std::shared_ptr<QueueTimer> SerialQueue::runAfter(Duration delay, std::function<void()> work) {

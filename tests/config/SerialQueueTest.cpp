@@ -150,9 +150,8 @@ TEST(SerialQueue, DelayedWorkRunsInOrderOfItsDelays) {
     });
     queue.runAfter(20ms, [&] { order.push_back("20 ms"); });
     queue.runAfter(0ms, [&] { order.push_back("at once"); });
-    queue.post([&] { order.push_back("posted"); });
     waitPast(queue, 60ms);
-    EXPECT_THAT(order, ElementsAre("posted", "at once", "20 ms", "40 ms"));
+    EXPECT_THAT(order, ElementsAre("at once", "20 ms", "40 ms"));
     EXPECT_GE(lastRan, 40ms) << "never early";
 }
 
