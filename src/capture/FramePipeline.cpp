@@ -1,6 +1,7 @@
 #include "capture/FramePipeline.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,8 @@ namespace velmora {
 namespace {
 
 constexpr std::size_t frameSamples = HelperInfo::frameSamples;
+// Frames are the samples' own bytes, which the wire defines as little-endian.
+static_assert(std::endian::native == std::endian::little);
 // Room kept in the scratch buffers so a steady stream of callbacks never reallocates; larger
 // callbacks grow them once and the capacity is kept.
 constexpr std::size_t reservedCallbackSamples = 16384;

@@ -211,7 +211,7 @@ TEST_F(SystemAudioCaptureTest, StoppingWithAPartialFrameEmitsNothingMore) {
     EXPECT_EQ(recorder.frameCount(), 0u);
 }
 
-TEST_F(SystemAudioCaptureTest, ThreeDeviceChangesInABurstCauseOneRestartAfterTheLast) {
+TEST_F(SystemAudioCaptureTest, ThreeDeviceChangesWithinTheDebounceCauseOneRestartAfterTheThird) {
     start();
     // Hold the main queue so all three notifications land inside one debounce window.
     std::latch release(1);
