@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Tests of the page side (web/): the unit tests always; the browser test against the real helper
 # when VELMORA_HELPER names its executable (a build with the dev preset, which trusts the
-# committed development key). VELMORA_PASS_TOOL may name velmora-pass for the agreement tests.
+# committed development key). VELMORA_PASS_TOOL may name velmora-pass for the agreement tests;
+# VELMORA_HELPER_ARGS replaces the helper's arguments for the test (default "--no-welcome").
 # Ends with the line "N passed, N failed" and exits non-zero when anything failed.
 set -uo pipefail
 cd "$(dirname "$0")"

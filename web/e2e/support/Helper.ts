@@ -43,7 +43,9 @@ export class Helper {
   /** Starts the helper (again) and waits until it accepts connections. */
   async launch(): Promise<void> {
     const logDir = this.env.XDG_STATE_HOME ?? '/tmp';
-    this.#process = new Child(this.executable, ['--no-welcome'], this.env, path.join(logDir, 'helper-output.log'));
+    // VELMORA_HELPER_ARGS replaces the default arguments (space-separated) where needed.
+    const args = process.env.VELMORA_HELPER_ARGS?.split(' ').filter(Boolean) ?? ['--no-welcome'];
+    this.#process = new Child(this.executable, args, this.env, path.join(logDir, 'helper-output.log'));
     try {
       await waitUntil('the helper to listen', async () => {
         if (!this.#process?.running) throw new Error('the helper exited during start-up');
