@@ -288,12 +288,6 @@ TEST(SerialQueue, AssertOnQueueAbortsOffTheQueueInDebugBuilds) {
 }
 #endif
 
-}  // namespace
-}  // namespace velmora
-
-namespace velmora {
-namespace {
-
 TEST(SerialQueue, TimerHeldPastItsQueueCanStillBeCancelledAndDropped) {
     std::shared_ptr<QueueTimer> once;
     std::shared_ptr<QueueTimer> repeating;
