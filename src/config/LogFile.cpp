@@ -26,7 +26,8 @@ std::filesystem::path LogFile::defaultFolder() {
 
 std::string LogFile::stamp(std::chrono::system_clock::time_point time) {
     auto seconds = std::chrono::system_clock::to_time_t(time);
-    auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()) % 1000;
+    auto millis =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()) % 1000;
     if (millis.count() < 0) millis += std::chrono::milliseconds(1000);
     std::tm local{};
     localtime_r(&seconds, &local);

@@ -11,7 +11,7 @@ namespace velmora {
 // The log file side of log(): one line per message, opened, appended and closed each time.
 // Not thread-safe; the log confines it to its own queue.
 class LogFile {
-public:
+  public:
     static constexpr std::uintmax_t sizeCap = 1'000'000;
 
     LogFile(std::filesystem::path folder, std::string fileName);
@@ -28,7 +28,7 @@ public:
     // $XDG_STATE_HOME/velmora-audio-helper, defaulting to ~/.local/state/velmora-audio-helper.
     static std::filesystem::path defaultFolder();
 
-private:
+  private:
     void prepareOnce();
 
     std::filesystem::path folder_;
