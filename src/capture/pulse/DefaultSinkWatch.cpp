@@ -109,8 +109,9 @@ void DefaultSinkWatch::onServerInfo(pa_context*, const pa_server_info* info, voi
     std::string name = info->default_sink_name != nullptr ? info->default_sink_name : "";
     const bool differs = watch->knownDefaultSink_ && *watch->knownDefaultSink_ != name;
     watch->knownDefaultSink_ = std::move(name);
-    if (differs && watch->changed_) {
-        watch->changed_();
+    // A copy: the call may end the watch's owner, and with it the watch.
+    if (const auto changed = watch->changed_; differs && changed) {
+        changed();
     }
 }
 

@@ -5,6 +5,7 @@
 #include <pulse/timeval.h>
 
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "capture/CaptureError.h"
@@ -97,7 +98,12 @@ PulseAudioTap::PulseAudioTap(Options options)
 PulseAudioTap::~PulseAudioTap() {
     teardown();
     watch_.reset();
-    loop_.reset();
+    if (loop_->isLoopThread()) {
+        // The last owner let go inside one of our callbacks (a listener holding it for a moment):
+        // the loop cannot stop its own thread, so another thread stops it once the callback has
+        // returned.
+        std::thread([loop = std::move(loop_)]() mutable { loop.reset(); }).detach();
+    }
 }
 
 TapStreamFormat PulseAudioTap::createTap() {
@@ -279,8 +285,9 @@ void PulseAudioTap::reportBrokenLocked() {
         return;
     }
     running_ = false;
-    if (changed_) {
-        changed_();
+    // A copy: the call may end this tap's owner, and with it this tap.
+    if (const auto changed = changed_) {
+        changed();
     }
 }
 

@@ -65,12 +65,16 @@ bool PulseLoop::isLoopThread() const {
     return pa_threaded_mainloop_in_thread(loop_) != 0;
 }
 
-PulseLoop::Lock::Lock(PulseLoop& loop) : loop_(loop.loop_) {
-    pa_threaded_mainloop_lock(loop_);
+PulseLoop::Lock::Lock(PulseLoop& loop) : loop_(loop.isLoopThread() ? nullptr : loop.loop_) {
+    if (loop_ != nullptr) {
+        pa_threaded_mainloop_lock(loop_);
+    }
 }
 
 PulseLoop::Lock::~Lock() {
-    pa_threaded_mainloop_unlock(loop_);
+    if (loop_ != nullptr) {
+        pa_threaded_mainloop_unlock(loop_);
+    }
 }
 
 }  // namespace velmora

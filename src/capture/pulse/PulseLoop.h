@@ -7,8 +7,9 @@
 
 namespace velmora {
 
-// One libpulse threaded main loop: its own thread runs every context, stream and timer callback.
-// Code outside that thread touches libpulse objects only while holding Lock.
+// One libpulse threaded main loop: its own thread runs every context, stream and timer callback,
+// holding the loop's lock. Code outside that thread touches libpulse objects only while holding
+// Lock.
 class PulseLoop {
   public:
     // Creates and starts the loop; throws std::runtime_error when libpulse cannot.
@@ -30,6 +31,7 @@ class PulseLoop {
 
     bool isLoopThread() const;
 
+    // Takes the loop's lock; on the loop thread, where callbacks already hold it, does nothing.
     class Lock {
       public:
         explicit Lock(PulseLoop& loop);

@@ -255,6 +255,27 @@ TEST_P(PulseAudioTapTest, TheWatchReconnectsAfterTheServerComesBack) {
     EXPECT_TRUE(reported);
 }
 
+TEST_P(PulseAudioTapTest, ItsOwnerMayLetGoOfItInsideTheListener) {
+    // The listener may hold the last reference to the tap's owner for a moment.
+    std::mutex mutex;
+    std::condition_variable released;
+    bool done = false;
+    auto owned = std::make_shared<std::unique_ptr<PulseAudioTap>>(std::move(tap_));
+    (*owned)->createTap();
+    (*owned)->createDevice();
+    (*owned)->startIO(queue_, received_.handler(queue_));
+    (*owned)->installDefaultOutputListener([&] {
+        auto last = std::move(owned);
+        last.reset();
+        std::lock_guard lock(mutex);
+        done = true;
+        released.notify_all();
+    });
+    server_->setDefaultSink(SoundServer::headphones);
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(released.wait_for(lock, 5s, [&] { return done; }));
+}
+
 TEST_P(PulseAudioTapTest, AMonitorThatVanishedBeforeStartFailsToStart) {
     server_->loadNullSink("extra", 48000, 2);
     server_->setDefaultSink("extra");
