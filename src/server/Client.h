@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "server/WebSocketSession.h"
 
@@ -15,6 +16,9 @@ struct Client {
     std::string origin;
     // From ready until dropped; only open clients are sent anything.
     bool open = false;
+    // A page handled without a connection (HelperServer::handleTextWithoutConnection) is sent
+    // its messages here instead.
+    std::vector<std::string>* outbox = nullptr;
 };
 
 }  // namespace velmora

@@ -224,6 +224,29 @@ HelperStatus HelperServer::status() {
     return queue_->sync([this] { return status_; });
 }
 
+bool HelperServer::admits(const WebSocketSession::UpgradeRequest& request) {
+    return queue_->sync([&] { return admitLocked(request); });
+}
+
+std::vector<std::string> HelperServer::handleTextWithoutConnection(const std::string& origin,
+                                                                   std::string_view text) {
+    return queue_->sync([&] {
+        std::vector<std::string> sent;
+        auto client = std::make_shared<Client>();
+        client->origin = origin;
+        client->open = true;
+        client->outbox = &sent;
+        handleTextLocked(client, text);
+        // The drop of a page that closes, minus the connection it does not have.
+        client->open = false;
+        if (active_ == client) {
+            active_.reset();
+            stopCaptureLocked(false);
+        }
+        return sent;
+    });
+}
+
 void HelperServer::closeEverythingLocked() {
     stopCaptureLocked(false);
     cancelListenerLocked();
@@ -391,7 +414,13 @@ int HelperServer::openClientCountLocked() const {
 
 void HelperServer::sendJSONLocked(const Client& client, const nlohmann::json& message) {
     if (!client.open) return;
-    if (auto text = ProtocolMessages::serialize(message)) client.connection->sendText(*text);
+    auto text = ProtocolMessages::serialize(message);
+    if (!text) return;
+    if (client.outbox) {
+        client.outbox->push_back(std::move(*text));
+    } else {
+        client.connection->sendText(std::move(*text));
+    }
 }
 
 // ---------------------------------------------------------------------------------------------

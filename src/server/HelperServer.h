@@ -65,6 +65,15 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // The current status, read on the server's queue (not callable from it).
     HelperStatus status();
 
+    // Seams for fuzzing the input handling without sockets; not callable from the queue.
+    // The admission decision on one upgrade request, exactly as a handshake gets it.
+    bool admits(const WebSocketSession::UpgradeRequest& request);
+    // Handles one text message from an open page of `origin` that has no connection, as a
+    // connected page's message is handled, and returns what that page is sent meanwhile. The
+    // page is then dropped, as a page that closes is.
+    std::vector<std::string> handleTextWithoutConnection(const std::string& origin,
+                                                         std::string_view text);
+
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
                  std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,

@@ -6,6 +6,8 @@ namespace velmora {
 
 PageCommand PageCommand::parse(std::string_view text) {
     PageCommand command;
+    // The JSON reader takes a NUL for the end of the text; JSON allows none anywhere.
+    if (text.find('\0') != std::string_view::npos) return command;
     auto message = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
     if (!message.is_object()) return command;  // also a parse failure (discarded value)
     auto type = message.find("type");

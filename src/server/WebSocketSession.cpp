@@ -4,6 +4,8 @@
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
+#include "config/HelperInfo.h"
+
 namespace velmora {
 namespace {
 
@@ -65,9 +67,11 @@ void WebSocketSession::accept(UpgradeRequest request, std::shared_ptr<Handler> h
     timeout.idle_timeout = limits_.idleTimeout;
     timeout.keep_alive_pings = true;
     socket_.set_option(timeout);
-    // The answer carries no headers beyond the upgrade itself.
-    socket_.set_option(websocket::stream_base::decorator(
-        [](websocket::response_type& response) { response.erase(beast::http::field::server); }));
+    // The answer carries nothing beyond the upgrade itself. The library always names a server,
+    // by default itself and its version; it names the helper instead.
+    socket_.set_option(websocket::stream_base::decorator([](websocket::response_type& response) {
+        response.set(beast::http::field::server, HelperInfo::appId);
+    }));
     socket_.read_message_max(limits_.maxMessageBytes);
     // Each message goes out as one frame.
     socket_.auto_fragment(false);
@@ -193,10 +197,15 @@ void WebSocketSession::received(const error_code& error) {
         finish(error);
         return;
     }
-    if (state_ == State::open && socket_.got_text()) {
+    if (state_ == State::open) {
         auto data = readBuffer_.cdata();
-        handler_->textReceived(
-            *this, std::string_view(static_cast<const char*>(data.data()), data.size()));
+        if (socket_.got_text()) {
+            handler_->textReceived(
+                *this, std::string_view(static_cast<const char*>(data.data()), data.size()));
+        } else {
+            handler_->binaryReceived(
+                *this, std::span(static_cast<const std::byte*>(data.data()), data.size()));
+        }
     }
     readBuffer_.consume(readBuffer_.size());
     readNext();

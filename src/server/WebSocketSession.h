@@ -10,6 +10,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -45,6 +46,9 @@ class WebSocketSession final : public std::enable_shared_from_this<WebSocketSess
         virtual void opened(WebSocketSession& session) = 0;
         // One complete text message. Binary and control messages never arrive here.
         virtual void textReceived(WebSocketSession& session, std::string_view text) = 0;
+        // One complete binary message. The helper ignores what pages send in binary; an echo
+        // server (for WebSocket conformance runs) takes them here.
+        virtual void binaryReceived(WebSocketSession&, std::span<const std::byte>) {}
         // Called once, last: the upgrade failed or the connection is over. `error` says why:
         // boost::asio::error::operation_aborted after our own close() or abort(),
         // WebSocketSessionError::sendBacklog, or the read or write error.

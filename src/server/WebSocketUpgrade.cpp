@@ -15,6 +15,9 @@ namespace beast = boost::beast;
 namespace http = boost::beast::http;
 using boost::system::error_code;
 
+// A Sec-WebSocket-Key is the base64 text of 16 random bytes: 24 characters.
+constexpr std::size_t longestKey = 24;
+
 // A request the HTTP parser rejected (as opposed to a connection that timed out or went away).
 bool isMalformedRequest(const error_code& error) {
     if (error == http::error::end_of_stream || error == http::error::partial_message) return false;
@@ -35,8 +38,12 @@ void WebSocketUpgrade::run(std::function<void()> finished) {
     // The whole request, however slowly it trickles in, must be here in time.
     stream_.expires_after(limits_.handshakeTimeout);
     http::async_read(stream_, buffer_, *parser_,
-                     [self = shared_from_this()](const error_code& error, std::size_t) {
-                         self->requestRead(error);
+                     [self = shared_from_this()](const error_code& error, std::size_t bytes) {
+                         // The parser applies its limit to what it has not yet consumed, so a
+                         // request arriving in pieces can pass it by a few hundred bytes; the
+                         // cap is on the whole request.
+                         const bool tooLarge = !error && bytes > self->limits_.maxHeaderBytes;
+                         self->requestRead(tooLarge ? http::error::header_limit : error);
                      });
 }
 
@@ -59,7 +66,10 @@ void WebSocketUpgrade::decide(WebSocketSession::UpgradeRequest request) {
         refuse(http::status::upgrade_required);
         return;
     }
-    if (request[http::field::sec_websocket_key].empty()) {
+    // The WebSocket layer answers these with 400 too, but only after admission; refused here,
+    // they never reach admission, nor change the origin it remembers.
+    const auto key = request[http::field::sec_websocket_key];
+    if (key.empty() || key.size() > longestKey || request.count(http::field::host) == 0) {
         refuse(http::status::bad_request);
         return;
     }
