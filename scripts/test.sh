@@ -29,8 +29,8 @@ run_preset dev
 
 if [ -f web/run-tests.sh ]; then
     echo "== page side: client library, pass issuing and the browser test"
-    VELMORA_HELPER_BINARY="$PWD/build/dev/src/app/velmora-audio-helper" \
-VELMORA_PASS_BINARY="$PWD/build/dev/tools/velmora-pass/velmora-pass" \
+    VELMORA_HELPER="$PWD/build/dev/src/app/velmora-audio-helper" \
+VELMORA_PASS_TOOL="$PWD/build/dev/tools/velmora-pass/velmora-pass" \
         bash web/run-tests.sh
 fi
 
