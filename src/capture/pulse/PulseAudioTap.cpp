@@ -110,12 +110,12 @@ TapStreamFormat PulseAudioTap::createTap() {
     PulseLoop::Lock lock(*loop_);
     if (context_ != nullptr) {
         running_ = false;
-        releaseStreamLocked();
+        releaseStream();
         releasePulseContext(context_);
     }
     monitorSource_.clear();
-    connectContextLocked();
-    lookUpSinkLocked(defaultSinkNameLocked());
+    connectContext();
+    lookUpSink(askDefaultSinkName());
 
     TapStreamFormat format;
     format.isLinearPCM = true;
@@ -127,7 +127,7 @@ TapStreamFormat PulseAudioTap::createTap() {
     return format;
 }
 
-void PulseAudioTap::connectContextLocked() {
+void PulseAudioTap::connectContext() {
     context_ = createPulseContext(loop_->api());
     if (context_ == nullptr) {
         throwPulseError(tapFailure, PA_ERR_INTERNAL);
@@ -150,7 +150,7 @@ void PulseAudioTap::connectContextLocked() {
     }
 }
 
-std::string PulseAudioTap::defaultSinkNameLocked() {
+std::string PulseAudioTap::askDefaultSinkName() {
     ServerInfoAnswer answer(loop_.get());
     pa_operation* operation = pa_context_get_server_info(context_, onServerInfo, &answer);
     if (!awaitOperation(*loop_, operation, answer.done, options_.timeout) ||
@@ -160,7 +160,7 @@ std::string PulseAudioTap::defaultSinkNameLocked() {
     return answer.defaultSink;
 }
 
-void PulseAudioTap::lookUpSinkLocked(const std::string& sinkName) {
+void PulseAudioTap::lookUpSink(const std::string& sinkName) {
     SinkInfoAnswer answer(loop_.get());
     pa_operation* operation =
         pa_context_get_sink_info_by_name(context_, sinkName.c_str(), onSinkInfo, &answer);
@@ -187,7 +187,7 @@ void PulseAudioTap::createDevice() {
     if (context_ == nullptr || monitorSource_.empty()) {
         throwPulseError(deviceFailure, PA_ERR_BADSTATE);
     }
-    releaseStreamLocked();
+    releaseStream();
     const std::string name = AudioKit::config().appName + " Tap";
     stream_ = pa_stream_new(context_, name.c_str(), &sampleSpec_, &channelMap_);
     if (stream_ == nullptr) {
@@ -237,7 +237,7 @@ void PulseAudioTap::startIO(SerialQueue& queue, InputHandler handler) {
 void PulseAudioTap::teardown() {
     PulseLoop::Lock lock(*loop_);
     running_ = false;
-    releaseStreamLocked();
+    releaseStream();
     releasePulseContext(context_);
     monitorSource_.clear();
 }
@@ -262,7 +262,7 @@ void PulseAudioTap::installDefaultOutputListener(std::function<void()> changed) 
     watch_->start(options_.timeout);
 }
 
-void PulseAudioTap::releaseStreamLocked() {
+void PulseAudioTap::releaseStream() {
     if (delivery_) {
         delivery_->live = false;
         delivery_.reset();
@@ -280,7 +280,7 @@ void PulseAudioTap::releaseStreamLocked() {
     stream_ = nullptr;
 }
 
-void PulseAudioTap::reportBrokenLocked() {
+void PulseAudioTap::reportBroken() {
     if (!running_) {
         return;
     }
@@ -303,7 +303,7 @@ void PulseAudioTap::onContextState(pa_context* context, void* userdata) {
     auto* tap = static_cast<PulseAudioTap*>(userdata);
     tap->loop_->signal();
     if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
-        tap->reportBrokenLocked();
+        tap->reportBroken();
     }
 }
 
@@ -311,12 +311,12 @@ void PulseAudioTap::onStreamState(pa_stream* stream, void* userdata) {
     auto* tap = static_cast<PulseAudioTap*>(userdata);
     tap->loop_->signal();
     if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
-        tap->reportBrokenLocked();
+        tap->reportBroken();
     }
 }
 
 void PulseAudioTap::onStreamMoved(pa_stream*, void* userdata) {
-    static_cast<PulseAudioTap*>(userdata)->reportBrokenLocked();
+    static_cast<PulseAudioTap*>(userdata)->reportBroken();
 }
 
 void PulseAudioTap::onRead(pa_stream* stream, std::size_t, void* userdata) {

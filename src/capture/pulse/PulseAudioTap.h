@@ -65,11 +65,12 @@ class PulseAudioTap final : public AudioTap {
     static void onRead(pa_stream* stream, std::size_t bytes, void* userdata);
 
     [[noreturn]] void throwPulseError(const std::string& what, int error);
-    void connectContextLocked();
-    std::string defaultSinkNameLocked();
-    void lookUpSinkLocked(const std::string& sinkName);
-    void releaseStreamLocked();
-    void reportBrokenLocked();
+    // These run with the loop's lock held (or on the loop thread).
+    void connectContext();
+    std::string askDefaultSinkName();
+    void lookUpSink(const std::string& sinkName);
+    void releaseStream();
+    void reportBroken();
 
     Options options_;
     std::unique_ptr<PulseLoop> loop_;
