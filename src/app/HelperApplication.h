@@ -1,0 +1,40 @@
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace velmora {
+
+// What the command line asks the process to do.
+struct HelperArguments {
+    enum class Action {
+        runHelper,   // serve pages until SIGINT or SIGTERM
+        settings,    // `settings ...`: show or edit the saved settings
+        listen,      // `listen ...`: stand in for a page
+        help,        // --help
+        version,     // --version
+        usageError,  // anything else
+    };
+
+    Action action = Action::runHelper;
+    // The words after a command's name.
+    std::vector<std::string> commandArguments;
+    bool noWelcome = false;
+    bool noInstall = false;
+    // What was wrong, for a usage error.
+    std::string problem;
+
+    static HelperArguments parse(const std::vector<std::string>& args);
+};
+
+// The usage text.
+void printHelperUsage(std::ostream& stream);
+
+// The whole process after main(): runs a command, or the helper itself until SIGINT or SIGTERM
+// (headless: there is no tray yet). Returns the exit code: 0 done, 2 a bad command line, or the
+// command's own code.
+int runHelperApplication(const std::vector<std::string>& args, std::ostream& out,
+                         std::ostream& err);
+
+}  // namespace velmora
