@@ -203,7 +203,9 @@ void PulseAudioTap::startIO(SerialQueue& queue, InputHandler handler) {
     if (stream_ == nullptr || pa_stream_get_state(stream_) != PA_STREAM_UNCONNECTED) {
         throwPulseError(attachFailure, PA_ERR_BADSTATE);
     }
-    delivery_ = std::make_shared<Delivery>(&queue, std::move(handler), sampleSpec_.channels);
+    // Brace-initialised: clang 14 has no aggregate initialisation from parentheses.
+    delivery_ =
+        std::shared_ptr<Delivery>(new Delivery{&queue, std::move(handler), sampleSpec_.channels});
 
     pa_buffer_attr attributes;
     attributes.maxlength = static_cast<std::uint32_t>(-1);
