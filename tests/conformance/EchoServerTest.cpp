@@ -41,6 +41,9 @@ class EchoServerTest : public ::testing::Test {
         return {beast::buffers_to_string(buffer.data()), socket_.got_binary()};
     }
 
+    // The server ends cleanly after every test (under the sanitizers: without findings).
+    void TearDown() override { EXPECT_EQ(server_.stop(), 0); }
+
     ServerProcess server_{VELMORA_CONFORMANCE_SERVER};
     boost::asio::io_context context_;
     websocket::stream<tcp::socket> socket_{context_};

@@ -56,14 +56,15 @@ ServerProcess::~ServerProcess() {
 }
 
 int ServerProcess::stop() {
-    if (pid_ < 0) return -1;
+    if (pid_ < 0) return exitStatus_;
     ::kill(pid_, SIGTERM);
     int status = 0;
     ::waitpid(pid_, &status, 0);
     pid_ = -1;
     if (stdout_ >= 0) ::close(stdout_);
     stdout_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return exitStatus_;
 }
 
 }  // namespace velmora::conformance

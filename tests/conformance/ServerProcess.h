@@ -24,11 +24,13 @@ class ServerProcess {
     // What it printed on standard output until it listened (or failed to).
     const std::string& output() const { return output_; }
 
-    // Sends SIGTERM and returns its exit status (-1 if it did not exit normally).
+    // Sends SIGTERM and returns its exit status (-1 if it did not exit normally); later calls
+    // return the same. A sanitizer's finding in the server makes the status non-zero.
     int stop();
 
   private:
     pid_t pid_ = -1;
+    int exitStatus_ = -1;
     int stdout_ = -1;
     std::uint16_t port_ = 0;
     std::string output_;

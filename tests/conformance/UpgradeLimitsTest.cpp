@@ -46,6 +46,9 @@ class UpgradeLimitsTest : public ::testing::Test {
         return received;
     }
 
+    // The server ends cleanly after every test (under the sanitizers: without findings).
+    void TearDown() override { EXPECT_EQ(server_.stop(), 0); }
+
     ServerProcess server_{VELMORA_CONFORMANCE_SERVER};
     boost::asio::io_context context_;
     tcp::socket socket_{context_};
