@@ -144,11 +144,15 @@ HelperServer::~HelperServer() {
     // Whatever the teardown changes is nobody's news any more.
     setOnStatus(nullptr);
     if (!queue_->isCurrent()) {
-        queue_->runAndWait([this] { closeEverythingLocked(); });
+        queue_->runAndWait([this] {
+            publishing_ = false;
+            closeEverythingLocked();
+        });
         return;
     }
     // The last owner let go inside one of our own callbacks. The queue cannot join its own
     // thread, so another thread ends it once this callback has returned.
+    publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
     std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
@@ -212,6 +216,9 @@ void HelperServer::shutdown() {
         stopCaptureLocked(false);
         cancelListenerLocked();
         for (auto& [key, client] : clients_) client->connection->close();
+        // The owner may take the main queue down once this returns: the connections that are
+        // still closing, and the cancelled listener, publish nothing any more.
+        publishing_ = false;
     });
 }
 
@@ -639,6 +646,7 @@ void HelperServer::changeStatusLocked(const std::function<void(HelperStatus&)>& 
 }
 
 void HelperServer::publishLocked() {
+    if (!publishing_) return;
     mainQueue_.post([slot = onStatus_, status = status_] { slot->deliver(status); });
 }
 

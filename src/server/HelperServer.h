@@ -56,7 +56,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // the port AudioKit gives now (asynchronously). For a port change.
     void restart();
     // Stops any capture without notice, closes the listener and every connection; waits until
-    // done. Must not be called from the server's queue.
+    // done. Nothing is published after it returns, so the owner may then take the main queue
+    // down. Must not be called from the server's queue.
     void shutdown();
 
     // One frame from the capture pipeline, from any thread: goes to the active page only.
@@ -146,6 +147,7 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     std::shared_ptr<QueueTimer> callTimer_;
     std::string lastAcceptedOrigin_;
     std::uint64_t startToken_ = 0;
+    bool publishing_ = true;  // false from shutdown on
 };
 
 }  // namespace velmora
