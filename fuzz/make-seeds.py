@@ -110,6 +110,8 @@ upgrade_seeds = {
     # In large pieces: the parser's own limit lets this one through; the cap must not.
     "header-just-over-cap-large-pieces": bytes([5]) + request(
         upgrade + ["Origin: https://page.example", "X-Filler: " + "b" * 8100]),
+    # In single bytes: refused as soon as the cap is reached, before the rest is sent.
+    "header-over-cap-single-bytes": bytes([0]) + request(upgrade + ["X-Filler: " + "a" * 8300]),
     "header-just-under-cap": bytes([5]) + request(
         upgrade + ["Origin: https://page.example", "X-Filler: " + "b" * 7900]),
     "folded-header": bytes([5]) + request(upgrade + ["Origin: https://page.example", " folded"]),
