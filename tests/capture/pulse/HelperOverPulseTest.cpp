@@ -10,8 +10,11 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -55,7 +58,7 @@ constexpr auto measuringSpan = 3s;
 
 // Short delays so the lifecycle runs in seconds, but with calls long enough to tell apart.
 constexpr auto callInterval = 200ms;
-constexpr double callGrace = 1.0;
+constexpr double callGrace = 1.5;
 constexpr double minimumCall = 0.3;
 
 HelperServerTimings shortTimings() {
@@ -291,8 +294,9 @@ class HelperOverPulseTest : public ::testing::TestWithParam<Kind> {
         const auto notice = page->waitForType("call_ended", patience);
         ASSERT_TRUE(notice) << dump(*page);
         EXPECT_EQ(notice->json, zoomEnded);
-        // The helper last saw the app at most one poll before it stopped.
-        EXPECT_GE(seconds(notice->arrival - stopped), callGrace - seconds(callInterval) - 0.05);
+        // Not at the next poll but after the grace time; polls may run late on a busy machine,
+        // so only half of it is certain.
+        EXPECT_GE(seconds(notice->arrival - stopped), callGrace / 2);
         EXPECT_TRUE(log_.waitFor("Call ended: Zoom", 1, patience));
 
         // Streaming goes on, and several polls later the call has been reported only once.
@@ -429,6 +433,7 @@ TEST_P(HelperOverPulseTest, ALostSoundServerEndsInFiveAttemptsAndOneDeviceErrorT
         << message;
 
     EXPECT_EQ(log_.count("Default output device changed; rebuilding the tap"), 1u);
+    EXPECT_EQ(log_.startingWith("Rebuild failed (attempt ").size(), 5u);
     for (int attempt = 1; attempt <= 5; ++attempt) {
         EXPECT_EQ(
             log_.startingWith("Rebuild failed (attempt " + std::to_string(attempt) + " of 5): ")
