@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <numbers>
 #include <optional>
 #include <string>
 #include <thread>
@@ -55,6 +56,13 @@ const json zoomEnded = {{"type", "call_ended"}, {"app", "zoom"}, {"name", "Zoom"
 constexpr auto patience = 20000ms;
 // The least stretch of audio a rate is judged over.
 constexpr auto measuringSpan = 3s;
+// The longest wait between two frames at the page. A rebuild takes a few round trips to the
+// sound server while frames queue up behind it; the sanitizers slow each of them several times.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr auto longestAllowedGap = 1000ms;
+#else
+constexpr auto longestAllowedGap = 500ms;
+#endif
 
 // Short delays so the lifecycle runs in seconds, but with calls long enough to tell apart.
 constexpr auto callInterval = 200ms;
@@ -99,8 +107,38 @@ bool isSilent(const Frame& frame) {
     return FrameRecorder::peak(frame) == 0.0f;
 }
 
+// The share of the frame's energy that lies in the `hz` bin of its spectrum (Goertzel). The bins
+// of a 1 600-sample frame at 16 000 Hz are 10 Hz apart: a tone of exactly `hz` gives about 1, one
+// 5 Hz off about 0.4, one a whole bin or more off next to nothing. A frame that is half tone and
+// half silence gives about 0.5.
+double toneShare(const Frame& frame, double hz) {
+    const auto& samples = frame.samples;
+    if (samples.empty()) {
+        return 0;
+    }
+    const double coefficient = 2 * std::cos(2 * std::numbers::pi * hz / 16000.0);
+    double previous = 0;
+    double beforePrevious = 0;
+    double energy = 0;
+    for (float sample : samples) {
+        const double current = sample + coefficient * previous - beforePrevious;
+        beforePrevious = previous;
+        previous = current;
+        energy += double(sample) * sample;
+    }
+    if (energy == 0) {
+        return 0;
+    }
+    const double binPower = previous * previous + beforePrevious * beforePrevious -
+                            coefficient * previous * beforePrevious;
+    // A pure tone of amplitude A puts A^2 N^2 / 4 into its bin and A^2 N / 2 into the frame.
+    return 2 * binPower / (double(samples.size()) * energy);
+}
+
+// The tone, within 5 Hz: a page that took the frames for anything but 16 000 samples a second
+// would hear another pitch. Half a frame lost to a busy machine's glitch still passes.
 bool carriesTone(const Frame& frame, double hz) {
-    return FrameRecorder::peak(frame) > 0.1f && std::abs(FrameRecorder::frequency(frame) - hz) < 30;
+    return FrameRecorder::peak(frame) > 0.1f && toneShare(frame, hz) >= 0.4;
 }
 
 // The last `count` frames all carry the tone.
@@ -153,7 +191,9 @@ std::string describeLast(const std::vector<Frame>& frames, std::size_t count) {
     for (std::size_t index = frames.size() > count ? frames.size() - count : 0;
          index < frames.size(); ++index) {
         text += std::to_string(FrameRecorder::peak(frames[index])) + "@" +
-                std::to_string(static_cast<int>(FrameRecorder::frequency(frames[index]))) + "Hz ";
+                std::to_string(static_cast<int>(FrameRecorder::frequency(frames[index]))) + "Hz(" +
+                std::to_string(toneShare(frames[index], 1000)).substr(0, 4) + "/" +
+                std::to_string(toneShare(frames[index], 2000)).substr(0, 4) + ") ";
     }
     return text;
 }
@@ -373,7 +413,7 @@ TEST_P(HelperOverPulseTest, WithNothingPlayingSilentFramesKeepTheStreamsClock) {
     const double rate = frameRate(received, first);
     EXPECT_GE(rate, 8.0);
     EXPECT_LE(rate, 12.0);
-    EXPECT_LT(longestGap(received, first), 500ms) << describeLongGaps(received, first);
+    EXPECT_LT(longestGap(received, first), longestAllowedGap) << describeLongGaps(received, first);
 }
 
 TEST_P(HelperOverPulseTest, SwitchingTheDefaultSinkKeepsTheFrameRateAndCarriesTheNewSink) {
@@ -408,7 +448,7 @@ TEST_P(HelperOverPulseTest, SwitchingTheDefaultSinkKeepsTheFrameRateAndCarriesTh
     const double rate = frameRate(received, beforeSwitch);
     EXPECT_GE(rate, 8.0);
     EXPECT_LE(rate, 12.0);
-    EXPECT_LT(longestGap(received, beforeSwitch), 500ms)
+    EXPECT_LT(longestGap(received, beforeSwitch), longestAllowedGap)
         << "from frame " << beforeSwitch << ": " << describeLongGaps(received, beforeSwitch);
     EXPECT_EQ(page->countOfType("error"), 0u) << dump(*page);
     EXPECT_EQ(page->countOfType("stopped"), 0u) << dump(*page);
