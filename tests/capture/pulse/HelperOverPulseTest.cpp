@@ -107,42 +107,45 @@ bool isSilent(const Frame& frame) {
     return FrameRecorder::peak(frame) == 0.0f;
 }
 
-// The share of the frame's energy that lies in the `hz` bin of its spectrum (Goertzel). The bins
-// of a 1 600-sample frame at 16 000 Hz are 10 Hz apart: a tone of exactly `hz` gives about 1, one
-// 5 Hz off about 0.4, one a whole bin or more off next to nothing. A frame that is half tone and
-// half silence gives about 0.5.
-double toneShare(const Frame& frame, double hz) {
-    const auto& samples = frame.samples;
-    if (samples.empty()) {
-        return 0;
-    }
+// The power of the frame's spectrum in the bin of `hz` (Goertzel). The bins of a 1 600-sample
+// frame at 16 000 Hz are 10 Hz apart.
+double binPower(const Frame& frame, double hz) {
     const double coefficient = 2 * std::cos(2 * std::numbers::pi * hz / 16000.0);
     double previous = 0;
     double beforePrevious = 0;
-    double energy = 0;
-    for (float sample : samples) {
+    for (float sample : frame.samples) {
         const double current = sample + coefficient * previous - beforePrevious;
         beforePrevious = previous;
         previous = current;
-        energy += double(sample) * sample;
     }
-    if (energy == 0) {
-        return 0;
-    }
-    const double binPower = previous * previous + beforePrevious * beforePrevious -
-                            coefficient * previous * beforePrevious;
-    // A pure tone of amplitude A puts A^2 N^2 / 4 into its bin and A^2 N / 2 into the frame.
-    return 2 * binPower / (double(samples.size()) * energy);
+    return previous * previous + beforePrevious * beforePrevious -
+           coefficient * previous * beforePrevious;
 }
 
-// The tone, within 5 Hz: a page that took the frames for anything but 16 000 samples a second
-// would hear another pitch. Half a frame lost to a busy machine's glitch still passes.
-bool carriesTone(const Frame& frame, double hz) {
-    return FrameRecorder::peak(frame) > 0.1f && toneShare(frame, hz) >= 0.4;
+// The strongest frequency of the frame between 100 Hz and 4 kHz, to the bin. A sound server
+// starved of time by a busy machine drops or repeats bits of audio, which spreads clicks over
+// the whole spectrum; the tone still stands out.
+int dominantFrequency(const Frame& frame) {
+    int strongest = 0;
+    double strongestPower = -1;
+    for (int hz = 100; hz <= 4000; hz += 10) {
+        const double power = binPower(frame, hz);
+        if (power > strongestPower) {
+            strongest = hz;
+            strongestPower = power;
+        }
+    }
+    return strongest;
+}
+
+// The tone, to the 10 Hz bin: a page that took the frames for anything but 16 000 samples a
+// second would hear another pitch.
+bool carriesTone(const Frame& frame, int hz) {
+    return FrameRecorder::peak(frame) > 0.1f && dominantFrequency(frame) == hz;
 }
 
 // The last `count` frames all carry the tone.
-bool endsWithTone(const std::vector<Frame>& frames, double hz, std::size_t count) {
+bool endsWithTone(const std::vector<Frame>& frames, int hz, std::size_t count) {
     return frames.size() >= count &&
            std::all_of(frames.end() - static_cast<std::ptrdiff_t>(count), frames.end(),
                        [&](const Frame& frame) { return carriesTone(frame, hz); });
@@ -191,9 +194,7 @@ std::string describeLast(const std::vector<Frame>& frames, std::size_t count) {
     for (std::size_t index = frames.size() > count ? frames.size() - count : 0;
          index < frames.size(); ++index) {
         text += std::to_string(FrameRecorder::peak(frames[index])) + "@" +
-                std::to_string(static_cast<int>(FrameRecorder::frequency(frames[index]))) + "Hz(" +
-                std::to_string(toneShare(frames[index], 1000)).substr(0, 4) + "/" +
-                std::to_string(toneShare(frames[index], 2000)).substr(0, 4) + ") ";
+                std::to_string(dominantFrequency(frames[index])) + "Hz ";
     }
     return text;
 }
