@@ -9,7 +9,7 @@
 #include <random>
 #include <span>
 
-#include "capture/LogLines.h"
+#include "support/CaptureLog.h"
 #include "capture/PipelineTestFixture.h"
 
 namespace velmora::testing {
@@ -302,7 +302,7 @@ class FramePipelineConverterTest : public PipelineTestFixture {
 
 TEST_F(FramePipelineConverterTest, AConverterErrorIsLoggedAndThatCallbacksAudioDropped) {
     *failure = "input rate too high";
-    LogLines log;
+    CaptureLog log;
     feedMono(std::vector<float>(1000, 0.5f));
     EXPECT_EQ(pending(), 0u);
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Resampler error: input rate too high"});
@@ -315,7 +315,7 @@ TEST_F(FramePipelineConverterTest, AConverterErrorIsLoggedAndThatCallbacksAudioD
 
 TEST_F(FramePipelineConverterTest, AConverterErrorWithoutTextIsLoggedAsQuestionMark) {
     *failure = "";
-    LogLines log;
+    CaptureLog log;
     feedMono(std::vector<float>(10, 0.5f));
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Resampler error: ?"});
 }

@@ -8,7 +8,7 @@
 
 #include "capture/CaptureError.h"
 #include "capture/CaptureTestFixture.h"
-#include "capture/LogLines.h"
+#include "support/CaptureLog.h"
 
 namespace velmora::testing {
 namespace {
@@ -38,7 +38,7 @@ using SystemAudioCaptureTest = CaptureTestFixture;
 
 TEST_F(SystemAudioCaptureTest, StartLogsTheTapFormatAndRuns) {
     control->setFormat(format(48000, 1));
-    LogLines log;
+    CaptureLog log;
     start();
     EXPECT_TRUE(running());
     EXPECT_EQ(log.startingWith("Capture "),
@@ -50,7 +50,7 @@ TEST_F(SystemAudioCaptureTest, StartLogsTheTapFormatAndRuns) {
 
 TEST_F(SystemAudioCaptureTest, StartLogsPlanarForANonInterleavedTap) {
     control->setFormat(format(44100, 2, true));
-    LogLines log;
+    CaptureLog log;
     start();
     EXPECT_EQ(log.startingWith("Capture "),
               std::vector<std::string>{"Capture started (44100 Hz, 2 ch, planar)"});
@@ -58,7 +58,7 @@ TEST_F(SystemAudioCaptureTest, StartLogsPlanarForANonInterleavedTap) {
 
 TEST_F(SystemAudioCaptureTest, StartTwiceDoesNothingTheSecondTimeAndLogsNothing) {
     start();
-    LogLines log;
+    CaptureLog log;
     start();
     EXPECT_TRUE(running());
     EXPECT_TRUE(log.lines().empty());
@@ -68,7 +68,7 @@ TEST_F(SystemAudioCaptureTest, StartTwiceDoesNothingTheSecondTimeAndLogsNothing)
 }
 
 TEST_F(SystemAudioCaptureTest, StopOnANeverStartedCaptureReturnsWithoutLogging) {
-    LogLines log;
+    CaptureLog log;
     stop();
     stop();
     EXPECT_TRUE(log.lines().empty());
@@ -78,7 +78,7 @@ TEST_F(SystemAudioCaptureTest, StopOnANeverStartedCaptureReturnsWithoutLogging) 
 
 TEST_F(SystemAudioCaptureTest, StopTearsDownAndLogsCaptureStopped) {
     start();
-    LogLines log;
+    CaptureLog log;
     stop();
     EXPECT_FALSE(running());
     EXPECT_FALSE(control->hasTap());
@@ -86,7 +86,7 @@ TEST_F(SystemAudioCaptureTest, StopTearsDownAndLogsCaptureStopped) {
     EXPECT_EQ(timers->activeCount(), 0u);
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Capture stopped"});
     // Stopping again is harmless and silent.
-    LogLines again;
+    CaptureLog again;
     stop();
     EXPECT_TRUE(again.lines().empty());
 }
@@ -146,7 +146,7 @@ TEST_F(SystemAudioCaptureTest, NonLinearPcmTapFormatIsRefused) {
 
 TEST_F(SystemAudioCaptureTest, TapFormatWithSampleRateZeroRunsAt48000Hz) {
     control->setFormat(format(0, 0));
-    LogLines log;
+    CaptureLog log;
     start();
     EXPECT_EQ(log.startingWith("Capture started"),
               std::vector<std::string>{"Capture started (48000 Hz, 1 ch, interleaved)"});
@@ -242,7 +242,7 @@ TEST_F(SystemAudioCaptureTest, DeviceChangeRebuildsTheTapAtTheNewRate) {
     control->setFormat(format(48000, 2));
     start();
     control->setFormat(format(44100, 2));
-    LogLines log;
+    CaptureLog log;
     control->announceDefaultOutputChange();
     ASSERT_TRUE(events.waitForCount("rebuilt", 1));
     EXPECT_TRUE(running());
@@ -262,7 +262,7 @@ TEST_F(SystemAudioCaptureTest, DeviceChangeRebuildsTheTapAtTheNewRate) {
 TEST_F(SystemAudioCaptureTest, DeviceChangeWhileIdleIsIgnored) {
     start();
     stop();
-    LogLines log;
+    CaptureLog log;
     control->announceDefaultOutputChange();
     ASSERT_TRUE(events.waitForCount("rebuilt", 1));
     EXPECT_FALSE(running());
@@ -273,7 +273,7 @@ TEST_F(SystemAudioCaptureTest, DeviceChangeWhileIdleIsIgnored) {
 TEST_F(SystemAudioCaptureTest, FiveFailingRebuildAttemptsLogOneToFiveAndEndInOneFailure) {
     start();
     control->failCreateTap();
-    LogLines log;
+    CaptureLog log;
     control->announceDefaultOutputChange();
     ASSERT_TRUE(events.waitForCount("failed", 1));
     // Anything still due on the main queue runs before this returns.
@@ -322,10 +322,10 @@ TEST_F(SystemAudioCaptureTest, StopBetweenRebuildAttemptsMakesTheNextRetryANoOp)
     EXPECT_EQ(control->createTapCalls(), 2);
     restarts = 1;
     retryDueFuture.wait();
-    LogLines log;
+    CaptureLog log;
     stop();
     EXPECT_EQ(log.lines(), std::vector<std::string>{"Capture stopped"});
-    LogLines afterStop;
+    CaptureLog afterStop;
     rebuild();  // what the retry leads to
     drainMainQueueAfter(5 * shortTimings.rebuildRetryDelay);
     EXPECT_TRUE(afterStop.lines().empty());
@@ -340,7 +340,7 @@ TEST_F(SystemAudioCaptureTest, RebuildSucceedsAfterAFailedAttempt) {
     start();
     control->failCreateDevice(1);
     control->setFormat(format(44100, 2));
-    LogLines log;
+    CaptureLog log;
     control->announceDefaultOutputChange();
     ASSERT_TRUE(events.waitForCount("rebuilt", 2));
     EXPECT_TRUE(running());

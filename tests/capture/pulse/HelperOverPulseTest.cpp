@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include "capture/pulse/CaptureLog.h"
+#include "support/CaptureLog.h"
 #include "capture/pulse/DesktopCapturePermission.h"
 #include "capture/pulse/FrameRecorder.h"
 #include "capture/pulse/ListeningPage.h"

@@ -9,7 +9,7 @@
 
 #include "capture/CaptureError.h"
 #include "capture/SystemAudioCapture.h"
-#include "capture/pulse/CaptureLog.h"
+#include "support/CaptureLog.h"
 #include "capture/pulse/FrameRecorder.h"
 #include "capture/pulse/PulseAudioTap.h"
 #include "capture/pulse/SoundServerKinds.h"

@@ -1,4 +1,4 @@
-#include "capture/pulse/CaptureLog.h"
+#include "support/CaptureLog.h"
 
 #include <unistd.h>
 
@@ -20,7 +20,7 @@ namespace {
 struct PrivateLogFolder {
     PrivateLogFolder()
         : path(std::filesystem::temp_directory_path() /
-               ("velmora-pulse-tests-" + std::to_string(::getpid()))) {
+               ("velmora-tests-" + std::to_string(::getpid()))) {
         std::filesystem::create_directories(path);
         ::setenv("XDG_STATE_HOME", path.c_str(), 1);
     }
