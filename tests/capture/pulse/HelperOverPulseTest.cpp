@@ -20,7 +20,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/CaptureLog.h"
 #include "capture/pulse/DesktopCapturePermission.h"
 #include "capture/pulse/FrameRecorder.h"
 #include "capture/pulse/ListeningPage.h"
@@ -31,6 +30,7 @@
 #include "meetings/pulse/PulseMicrophoneUsers.h"
 #include "server/HelperServer.h"
 #include "server/TestPage.h"
+#include "support/CaptureLog.h"
 #include "support/PassSigner.h"
 #include "support/SoundServer.h"
 
