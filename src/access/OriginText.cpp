@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <initializer_list>
 #include <span>
 
 namespace velmora::OriginText {
@@ -20,38 +21,28 @@ constexpr std::array<std::string_view, 18> whitespace = {
     "\xE2\x81\x9F", "\xE3\x80\x80",
 };
 
-// The same plus line feed, vertical tab, form feed, carriage return, next line, and the line
-// and paragraph separators.
-constexpr std::array<std::string_view, 25> whitespaceAndNewlines = {
-    "\t",           " ",
-    "\xC2\xA0",     "\xE1\x9A\x80",
-    "\xE2\x80\x80", "\xE2\x80\x81",
-    "\xE2\x80\x82", "\xE2\x80\x83",
-    "\xE2\x80\x84", "\xE2\x80\x85",
-    "\xE2\x80\x86", "\xE2\x80\x87",
-    "\xE2\x80\x88", "\xE2\x80\x89",
-    "\xE2\x80\x8A", "\xE2\x80\xAF",
-    "\xE2\x81\x9F", "\xE3\x80\x80",
-    "\n",           "\v",
-    "\f",           "\r",
-    "\xC2\x85",     "\xE2\x80\xA8",
-    "\xE2\x80\xA9",
+// Line feed, vertical tab, form feed, carriage return, next line, and the line and paragraph
+// separators.
+constexpr std::array<std::string_view, 7> newlines = {
+    "\n", "\v", "\f", "\r", "\xC2\x85", "\xE2\x80\xA8", "\xE2\x80\xA9",
 };
 
-std::string_view trim(std::string_view text, std::span<const std::string_view> characters) {
-    const auto leading = [&] {
-        return std::find_if(characters.begin(), characters.end(),
-                            [&](std::string_view c) { return text.starts_with(c); });
+// Removes, from both ends, every character of the given sets.
+std::string_view trim(std::string_view text,
+                      std::initializer_list<std::span<const std::string_view>> sets) {
+    const auto matchingLength = [&](auto&& matches) -> std::size_t {
+        for (auto characters : sets) {
+            for (std::string_view c : characters) {
+                if (matches(c)) return c.size();
+            }
+        }
+        return 0;
     };
-    for (auto found = leading(); found != characters.end(); found = leading()) {
-        text.remove_prefix(found->size());
+    while (auto length = matchingLength([&](std::string_view c) { return text.starts_with(c); })) {
+        text.remove_prefix(length);
     }
-    const auto trailing = [&] {
-        return std::find_if(characters.begin(), characters.end(),
-                            [&](std::string_view c) { return text.ends_with(c); });
-    };
-    for (auto found = trailing(); found != characters.end(); found = trailing()) {
-        text.remove_suffix(found->size());
+    while (auto length = matchingLength([&](std::string_view c) { return text.ends_with(c); })) {
+        text.remove_suffix(length);
     }
     return text;
 }
@@ -59,13 +50,12 @@ std::string_view trim(std::string_view text, std::span<const std::string_view> c
 }  // namespace
 
 std::string_view trimWhitespace(std::string_view text) {
-    return trim(text, whitespace);
+    return trim(text, {whitespace});
 }
 
 std::string_view trimWhitespaceAndNewlines(std::string_view text) {
-    return trim(text, whitespaceAndNewlines);
+    return trim(text, {whitespace, newlines});
 }
-
 std::string lowercased(std::string_view text) {
     std::string result(text);
     std::transform(result.begin(), result.end(), result.begin(), [](unsigned char c) {
