@@ -45,6 +45,7 @@
 #include "support/FakeAudioTap.h"
 #include "support/FakeCapturePermission.h"
 #include "support/FakeMicrophoneUsers.h"
+#include "support/FreePort.h"
 
 namespace velmora {
 namespace {
@@ -64,17 +65,7 @@ constexpr std::size_t frameSamples = HelperInfo::frameSamples;
     return true;
 }();
 
-std::uint16_t freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
+using testing::freePort;
 
 double cpuSeconds(clockid_t clock) {
     timespec time{};

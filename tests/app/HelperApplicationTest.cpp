@@ -1,4 +1,5 @@
 #include "app/HelperApplication.h"
+#include "support/FreePort.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -92,17 +93,7 @@ TEST(HelperApplicationTest, SettingsCommandIsDispatched) {
 // ---------------------------------------------------------------------------------------------
 // The executable itself, in this test's private folders.
 
-std::uint16_t freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
+using testing::freePort;
 
 pid_t spawnHelper(const std::vector<std::string>& args) {
     std::vector<char*> argv;

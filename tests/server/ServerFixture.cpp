@@ -1,4 +1,5 @@
 #include "ServerFixture.h"
+#include "support/FreePort.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -114,19 +115,6 @@ int LogReader::count(const std::string& line) {
 }
 
 // ---------------------------------------------------------------------------------------------
-
-std::uint16_t freePort() {
-    int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
 
 ServerFixture::ServerFixture() : port_(freePort()) {
     AudioKit::modifyConfig([this](AudioKitConfig& config) {

@@ -19,6 +19,7 @@
 #include "support/FakeAudioTap.h"
 #include "support/FakeCapturePermission.h"
 #include "support/FakeMicrophoneUsers.h"
+#include "support/FreePort.h"
 #include "support/PassSigner.h"
 
 namespace velmora::testing {
@@ -55,9 +56,6 @@ class LogReader {
   private:
     std::uintmax_t start_ = 0;
 };
-
-// A port that nothing listened on a moment ago.
-std::uint16_t freePort();
 
 // Origins of the pages in these tests: the ones starting "https://page" are allowed.
 inline const std::string pageA = "https://page-a.example";

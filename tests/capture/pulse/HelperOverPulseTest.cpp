@@ -31,6 +31,7 @@
 #include "server/HelperServer.h"
 #include "server/TestPage.h"
 #include "support/CaptureLog.h"
+#include "support/FreePort.h"
 #include "support/PassSigner.h"
 #include "support/SoundServer.h"
 
@@ -82,17 +83,7 @@ HelperServerTimings shortTimings() {
 }
 
 // A port that nothing listened on a moment ago.
-std::uint16_t freePort() {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(socket);
-    return ntohs(address.sin_port);
-}
+using testing::freePort;
 
 double secondsSince1970() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
