@@ -32,6 +32,7 @@ run_preset() {
 }
 
 export LSAN_OPTIONS="suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0"
+export TSAN_OPTIONS="suppressions=$PWD/tests/sanitizers/tsan.supp"
 
 run_preset dev
 
