@@ -8,7 +8,7 @@ namespace velmora {
 AudioKitConfig AudioKitConfig::defaults() {
     return AudioKitConfig{
         .appName = "Velmora Audio Helper",
-        .logSubsystem = "com.velmora.audiohelper",
+        .logSubsystem = HelperInfo::bundleId,
         .logFileName = "VelmoraAudioHelper.log",
         .product = std::nullopt,
         .port = [] { return HelperInfo::defaultPort; },

@@ -10,7 +10,11 @@ namespace velmora {
 // Build constants, fixed for the life of the process.
 namespace HelperInfo {
 
+// The program's name: its settings folder, the greeting's "app", the HTTP server header.
 inline constexpr const char* appId = "velmora-audio-helper";
+// The application identifier: the helper's own sound-server streams carry it as application.id,
+// so the call-end watch skips it (and its sub-identifiers) as itself.
+inline constexpr const char* bundleId = "com.velmora.audiohelper";
 inline constexpr std::uint16_t defaultPort = 52849;
 inline constexpr int sampleRate = 16000;
 inline constexpr int frameSamples = 1600;  // 100 ms at sampleRate

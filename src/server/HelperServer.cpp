@@ -138,7 +138,7 @@ HelperServer::HelperServer(std::unique_ptr<AudioTap> tap,
       microphoneUsers_(std::move(microphoneUsers)),
       onStatus_(std::make_shared<StatusSlot>()),
       capture_(SystemAudioCapture::create(std::move(tap), mainQueue, timings_.capture)),
-      callWatch_(HelperInfo::appId, timings_.callGrace, timings_.minimumCall) {}
+      callWatch_(HelperInfo::bundleId, timings_.callGrace, timings_.minimumCall) {}
 
 HelperServer::~HelperServer() {
     // Whatever the teardown changes is nobody's news any more.

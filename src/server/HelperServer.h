@@ -66,6 +66,9 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // The current status, read on the server's queue (not callable from it).
     HelperStatus status();
 
+    // The identifier the call-end watch ignores as the helper itself; fixed at creation.
+    const std::string& ownBundleId() const { return callWatch_.ownBundleId(); }
+
     // Seams for fuzzing the input handling without sockets; not callable from the queue.
     // The admission decision on one upgrade request, exactly as a handshake gets it.
     bool admits(const WebSocketSession::UpgradeRequest& request);

@@ -22,6 +22,7 @@ TEST(HelperInfo, VersionFromTheBuildIsUsedAsGiven) {
 
 TEST(HelperInfo, ConstantsHaveTheirFixedValues) {
     EXPECT_STREQ(HelperInfo::appId, "velmora-audio-helper");
+    EXPECT_STREQ(HelperInfo::bundleId, "com.velmora.audiohelper");
     EXPECT_EQ(HelperInfo::defaultPort, 52849);
     EXPECT_EQ(HelperInfo::sampleRate, 16000);
     EXPECT_EQ(HelperInfo::frameSamples, 1600);

@@ -44,6 +44,11 @@ TEST_F(CallEndTest, MeetingAppLeavingTheMicrophoneEndsTheCall) {
     EXPECT_EQ(server_->status().capturingFor, pageA);
 }
 
+TEST_F(CallEndTest, TheWatchSkipsTheApplicationIdentifierOfTheHelpersOwnStreams) {
+    // What the helper's own sound-server streams carry as application.id, not the program name.
+    EXPECT_EQ(server_->ownBundleId(), "com.velmora.audiohelper");
+}
+
 TEST_F(CallEndTest, TwoAppsEndingInTheSameTickYieldTwoMessagesInKeyOrder) {
     microphoneUsers_->setBundleIds({"us.zoom.xos", "com.google.Chrome.helper"});
     auto page = connectPage(pageA);

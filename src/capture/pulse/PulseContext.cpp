@@ -5,6 +5,7 @@
 #include <pulse/subscribe.h>
 
 #include "config/AudioKit.h"
+#include "config/HelperInfo.h"
 
 namespace velmora {
 
@@ -12,7 +13,7 @@ pa_context* createPulseContext(pa_mainloop_api* api) {
     const auto config = AudioKit::config();
     pa_proplist* properties = pa_proplist_new();
     pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, config.appName.c_str());
-    pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, config.logSubsystem.c_str());
+    pa_proplist_sets(properties, PA_PROP_APPLICATION_ID, HelperInfo::bundleId);
     pa_context* context = pa_context_new_with_proplist(api, config.appName.c_str(), properties);
     pa_proplist_free(properties);
     return context;
