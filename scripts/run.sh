@@ -10,11 +10,13 @@ echo "== building (dev preset: the development pass key is built in)"
 cmake --preset dev >/dev/null
 cmake --build --preset dev -j "$(nproc)" --target velmora-audio-helper velmora-pass
 helper="$root/build/dev/src/app/velmora-audio-helper"
+source scripts/demo-settings.sh
 
 children=()
 cleanup() {
     for pid in "${children[@]}"; do kill "$pid" 2>/dev/null || true; done
     wait 2>/dev/null || true
+    demo_settings_end
 }
 trap cleanup EXIT
 trap 'exit 0' INT TERM
@@ -37,6 +39,16 @@ PA
     echo "   (PULSE_SERVER=$PULSE_SERVER; its log is $sound_dir/pulseaudio.log)"
 fi
 
+# The demo's page is served from http://localhost, which the helper admits only when allowed.
+# The demo allows it in a settings folder of its own, so the user's settings stay as they are.
+if ! demo_settings_begin "$helper"; then
+    echo "the demo's settings could not be prepared (is your settings file readable?)" >&2
+    exit 1
+fi
+echo "== the demo's helper uses its own settings: a copy of yours in $XDG_CONFIG_HOME,"
+echo "   with http://localhost:* allowed for the demo page; deleted when the demo ends."
+echo "   Your own settings are left as they are."
+
 port=$("$helper" settings | sed -n 's/^port: *\([0-9]*\).*/\1/p' | head -1)
 port=${port:-52849}
 
@@ -56,11 +68,8 @@ echo "== end to end: a page stand-in listens for 5 s while espeak-ng speaks into
 "$helper" listen --seconds 5 --port "$port" --out "$root/build/demo.wav" || true
 
 echo "== demo page"
-echo "   The helper admits only allowed origins; the demo page is served from http://localhost,"
-echo "   which this adds to YOUR settings (undo: $helper settings remove-origin 'http://localhost:*'):"
-"$helper" settings add-origin 'http://localhost:*' || true
 if (cd web && npm ci --no-audit --no-fund --loglevel=error >/dev/null && npm run --silent build >/dev/null); then
-    node web/demo/dist/server/server.js &
+    VELMORA_DEMO_ORIGIN_ALLOWED=1 node web/demo/dist/server/server.js &
     children+=($!)
     demo_url="http://localhost:5180/"
     sleep 1

@@ -25,8 +25,11 @@ try {
     onPass: (origin) => console.log(`Issued a start pass for ${origin}`),
   });
   console.log(`Demo page: ${demo.url}`);
-  console.log('The helper admits this page once you allow it (once per computer):');
-  console.log('  velmora-audio-helper settings add-origin "http://localhost:*"');
+  // scripts/run.sh allows the page in its helper's own settings and says so itself.
+  if (process.env.VELMORA_DEMO_ORIGIN_ALLOWED !== '1') {
+    console.log('The helper admits this page once you allow it (once per computer):');
+    console.log('  velmora-audio-helper settings add-origin "http://localhost:*"');
+  }
   console.log('Passes are signed with the DEVELOPMENT key: use a helper built with the dev preset.');
   const stop = () => void demo.close().then(() => process.exit(0));
   process.on('SIGINT', stop);

@@ -1,0 +1,33 @@
+# Sourced by run.sh: gives the demo's helper its own settings folder, so the demo can allow its
+# page without touching the user's own settings. The folder starts as a copy of the user's
+# settings (same port, same allowed origins) and is deleted when the demo ends.
+
+# The user's settings file, as the helper finds it.
+user_settings_file() {
+    local base="${XDG_CONFIG_HOME:-}"
+    [[ "$base" == /* ]] || base="$HOME/.config"
+    echo "$base/velmora-audio-helper/settings.json"
+}
+
+# Makes the demo's settings folder, exports XDG_CONFIG_HOME to it for every process started
+# afterwards, and allows the demo page's origin there. $1 is the helper executable.
+demo_settings_begin() {
+    local helper="$1"
+    local user_file
+    user_file="$(user_settings_file)"
+    demo_config_home="$(mktemp -d /tmp/velmora-demo-settings.XXXXXX)"
+    mkdir -p "$demo_config_home/velmora-audio-helper"
+    if [[ -f "$user_file" ]]; then
+        cp "$user_file" "$demo_config_home/velmora-audio-helper/settings.json"
+    fi
+    export XDG_CONFIG_HOME="$demo_config_home"
+    "$helper" settings add-origin 'http://localhost:*' >/dev/null
+}
+
+# Deletes the demo's settings folder. Safe to call more than once, and before begin.
+demo_settings_end() {
+    if [[ -n "${demo_config_home:-}" ]]; then
+        rm -rf "$demo_config_home"
+        demo_config_home=""
+    fi
+}
