@@ -9,8 +9,11 @@ user_settings_file() {
     echo "$base/velmora-audio-helper/settings.json"
 }
 
-# Makes the demo's settings folder, exports XDG_CONFIG_HOME to it for every process started
-# afterwards, and allows the demo page's origin there. $1 is the helper executable.
+# Makes the demo's settings folder and allows the demo page's origin there. $1 is the helper
+# executable. Sets demo_env: prefix a helper command with "${demo_env[@]}" to give it the demo's
+# settings. Only the helper gets them: a browser or anything else the demo starts keeps the user's
+# own configuration folder. (A prefix, not a function, so that a helper started in the background
+# is the process $! names.)
 demo_settings_begin() {
     local helper="$1"
     local user_file
@@ -20,8 +23,8 @@ demo_settings_begin() {
     if [[ -f "$user_file" ]]; then
         cp "$user_file" "$demo_config_home/velmora-audio-helper/settings.json"
     fi
-    export XDG_CONFIG_HOME="$demo_config_home"
-    "$helper" settings add-origin 'http://localhost:*' >/dev/null
+    demo_env=(env "XDG_CONFIG_HOME=$demo_config_home")
+    "${demo_env[@]}" "$helper" settings add-origin 'http://localhost:*' >/dev/null
 }
 
 # Deletes the demo's settings folder. Safe to call more than once, and before begin.

@@ -45,15 +45,15 @@ if ! demo_settings_begin "$helper"; then
     echo "the demo's settings could not be prepared (is your settings file readable?)" >&2
     exit 1
 fi
-echo "== the demo's helper uses its own settings: a copy of yours in $XDG_CONFIG_HOME,"
+echo "== the demo's helper uses its own settings: a copy of yours in $demo_config_home,"
 echo "   with http://localhost:* allowed for the demo page; deleted when the demo ends."
 echo "   Your own settings are left as they are."
 
-port=$("$helper" settings | sed -n 's/^port: *\([0-9]*\).*/\1/p' | head -1)
+port=$("${demo_env[@]}" "$helper" settings | sed -n 's/^port: *\([0-9]*\).*/\1/p' | head -1)
 port=${port:-52849}
 
 echo "== starting velmora-audio-helper on ws://127.0.0.1:$port/"
-"$helper" --no-welcome &
+"${demo_env[@]}" "$helper" --no-welcome &
 helper_pid=$!
 children+=("$helper_pid")
 for _ in $(seq 50); do

@@ -63,12 +63,13 @@ start_demo() {
         trap cleanup EXIT
         trap "exit 0" INT TERM
         demo_settings_begin "$2" || exit 1
-        echo "$XDG_CONFIG_HOME" >"$3/demo-config-home"
-        "$2" settings >"$3/demo-settings.txt"
+        echo "$demo_config_home" >"$3/demo-config-home"
+        "${demo_env[@]}" "$2" settings >"$3/demo-settings.txt"
+        printenv XDG_CONFIG_HOME >"$3/browser-config-home"  # as the browser run.sh opens sees it
         if [[ "$4" == no-helper ]]; then
             sleep 60 &
         else
-            "$2" --no-welcome --no-install &
+            "${demo_env[@]}" "$2" --no-welcome --no-install &
         fi
         helper_pid=$!
         wait "$helper_pid"
@@ -101,6 +102,8 @@ check "the demo's helper allows the demo page" grep -q 'http://localhost:\*' "$w
 check "the demo's helper keeps the user's other origins" grep -q 'https://example.test' "$work/demo-settings.txt"
 demo_config_home="$(cat "$work/demo-config-home" 2>/dev/null)"
 check "the demo's settings folder is not the user's" test -n "$demo_config_home" -a "$demo_config_home" != "$HOME/.config"
+check "other programs the demo starts keep the user's configuration folder" \
+    test ! -s "$work/browser-config-home"
 stop_demo
 check "Ctrl-C stops the demo's helper" wait_until "! listening $port" 30
 check "the demo's settings folder is gone after Ctrl-C" test ! -e "$demo_config_home"
