@@ -45,7 +45,7 @@ if ! demo_settings_begin "$helper"; then
     echo "the demo's settings could not be prepared (is your settings file readable?)" >&2
     exit 1
 fi
-echo "== the demo's helper uses its own settings: a copy of yours in $demo_config_home,"
+echo "== the demo's helper uses its own settings: a copy of yours (if any) in $demo_config_home,"
 echo "   with http://localhost:* allowed for the demo page; deleted when the demo ends."
 echo "   Your own settings are left as they are."
 

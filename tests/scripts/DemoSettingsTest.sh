@@ -11,6 +11,8 @@ work="$(mktemp -d /tmp/velmora-demo-settings-test.XXXXXX)"
 demo_pid=""
 finish() {
     [[ -n "$demo_pid" ]] && kill -KILL "$demo_pid" 2>/dev/null
+    # A helper that outlived its demo (a failed check above) goes too.
+    [[ -s "$work/helper-pid" ]] && kill -KILL "$(cat "$work/helper-pid")" 2>/dev/null
     rm -rf "$work"
 }
 trap finish EXIT
@@ -72,6 +74,7 @@ start_demo() {
             "${demo_env[@]}" "$2" --no-welcome --no-install &
         fi
         helper_pid=$!
+        echo "$helper_pid" >"$3/helper-pid"
         wait "$helper_pid"
     ' demo "$repository" "$helper" "$work" "${1:-}" &
     demo_pid=$!
