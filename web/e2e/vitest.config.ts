@@ -9,6 +9,9 @@ export default defineConfig({
       '@velmora/pass-issuer': fileURLToPath(new URL('../pass-issuer/src/index.ts', import.meta.url)),
     },
   },
+  // An address, not "localhost": the bundler would otherwise look that name up at start, which
+  // fails on a machine whose /etc/hosts does not name it (a freshly bootstrapped Debian root).
+  server: { host: '127.0.0.1' },
   test: {
     root: fileURLToPath(new URL('..', import.meta.url)),
     include: ['e2e/**/*.test.ts'],
