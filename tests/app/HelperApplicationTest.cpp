@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "config/HelperInfo.h"
+#include "config/TemporaryFolder.h"
 
 extern char** environ;
 
@@ -37,6 +38,25 @@ TEST(HelperArgumentsTest, HeadlessNoWelcomeAndNoInstallAreAccepted) {
     EXPECT_TRUE(parsed.noWelcome);
     EXPECT_TRUE(parsed.noInstall);
     EXPECT_FALSE(HelperArguments::parse({"--headless"}).noWelcome);
+    EXPECT_TRUE(parsed.headless);
+    EXPECT_FALSE(HelperArguments::parse({"--no-welcome"}).headless);
+}
+
+TEST(HelperArgumentsTest, TheTrayIsWantedOnlyWithADisplayAndWithoutHeadless) {
+    testing::ScopedEnvironment display("DISPLAY", ":7");
+    testing::ScopedEnvironment wayland("WAYLAND_DISPLAY", std::nullopt);
+    testing::ScopedEnvironment platform("QT_QPA_PLATFORM", std::nullopt);
+    EXPECT_TRUE(wantsTray(HelperArguments::parse({"--no-welcome"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"--headless"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"settings"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"listen"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"--version"})));
+    {
+        testing::ScopedEnvironment noDisplay("DISPLAY", "");
+        EXPECT_FALSE(wantsTray(HelperArguments::parse({})));
+        testing::ScopedEnvironment waylandDisplay("WAYLAND_DISPLAY", "wayland-0");
+        EXPECT_TRUE(wantsTray(HelperArguments::parse({})));
+    }
 }
 
 TEST(HelperArgumentsTest, SettingsAndListenTakeTheRestOfTheLine) {
