@@ -41,7 +41,8 @@ int runTrayApplication(const HelperArguments& arguments, const std::vector<std::
     std::signal(SIGPIPE, SIG_IGN);
 
     QApplication application(argc, argv);
-    QApplication::setApplicationName(HelperInfo::appId);
+    // Panels read the item's title, and with it its accessible name, from the application name.
+    QApplication::setApplicationName("Velmora Audio Helper");
     QApplication::setApplicationDisplayName("Velmora Audio Helper");
     QApplication::setApplicationVersion(QString::fromStdString(HelperInfo::version()));
     QApplication::setDesktopFileName(HelperInfo::appId);

@@ -1,0 +1,273 @@
+#include <gtest/gtest.h>
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+#include <csignal>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "PrivateDesktop.h"
+#include "StatusNotifierWatcherStandIn.h"
+#include "config/HelperInfo.h"
+#include "server/TestPage.h"
+#include "support/FreePort.h"
+#include "support/PassSigner.h"
+#include "support/SoundServer.h"
+
+namespace velmora::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct ToolTip {
+    QString iconName;
+    int pixmapCount = 0;
+    QString title;
+};
+
+struct MenuRow {
+    QVariantMap properties;
+    QString label() const { return properties.value("label").toString(); }
+    bool isSeparator() const { return properties.value("type").toString() == "separator"; }
+    // Absent properties have their protocol defaults: enabled and visible.
+    bool enabled() const { return properties.value("enabled", true).toBool(); }
+    bool visible() const { return properties.value("visible", true).toBool(); }
+};
+
+// Keeps the test's own D-Bus objects answering while it waits.
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 30s) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    }
+    return condition();
+}
+
+class TrayOverDBusTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string whyNot;
+        if (!SoundServer::isAvailable(SoundServer::Kind::pulseAudio, &whyNot)) {
+            GTEST_SKIP() << "PulseAudio is not available: " << whyNot;
+        }
+        if (!PassSigner::developmentKeyIsBuiltIn()) {
+            GTEST_SKIP() << "this build does not trust the development pass key";
+        }
+        sound_ = SoundServer::start(SoundServer::Kind::pulseAudio);
+        desktop_ = std::make_unique<PrivateDesktop>();
+        bus_.emplace(QDBusConnection::connectToBus(QString::fromStdString(desktop_->busAddress()),
+                                                   "velmora-tray-test"));
+        ASSERT_TRUE(bus_->isConnected()) << bus_->lastError().message().toStdString();
+        ASSERT_TRUE(bus_->registerObject("/StatusNotifierWatcher", &watcher_,
+                                         QDBusConnection::ExportAllContents));
+        ASSERT_TRUE(bus_->registerService("org.kde.StatusNotifierWatcher"));
+        port_ = freePort();
+        desktop_->saveHelperPort(port_);
+    }
+
+    void TearDown() override {
+        helper_.reset();
+        if (bus_) QDBusConnection::disconnectFromBus("velmora-tray-test");
+        bus_.reset();
+        desktop_.reset();
+        sound_.reset();
+    }
+
+    void startHelper() {
+        helper_ = desktop_->launch({VELMORA_HELPER_EXECUTABLE, "--no-install"},
+                                   sound_->environment(), "helper");
+    }
+
+    std::string helperLog() { return desktop_->readLog("helper"); }
+
+    QVariant itemProperty(const QString& name) {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            watcher_.itemService(), watcher_.itemPath(), "org.freedesktop.DBus.Properties", "Get");
+        call << "org.kde.StatusNotifierItem" << name;
+        QDBusMessage reply = bus_->call(call, QDBus::Block, 10'000);
+        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()) return {};
+        return reply.arguments().front().value<QDBusVariant>().variant();
+    }
+
+    ToolTip toolTip() {
+        ToolTip toolTip;
+        QVariant value = itemProperty("ToolTip");
+        if (!value.canConvert<QDBusArgument>()) return toolTip;
+        const QDBusArgument argument = value.value<QDBusArgument>();
+        argument.beginStructure();
+        argument >> toolTip.iconName;
+        argument.beginArray();
+        while (!argument.atEnd()) {
+            int width = 0;
+            int height = 0;
+            QByteArray pixels;
+            argument.beginStructure();
+            argument >> width >> height >> pixels;
+            argument.endStructure();
+            ++toolTip.pixmapCount;
+        }
+        argument.endArray();
+        QString description;
+        argument >> toolTip.title >> description;
+        argument.endStructure();
+        return toolTip;
+    }
+
+    // What the panel would draw: the icon's name and its pixels, as one comparable text.
+    QByteArray iconSeen() {
+        QByteArray seen = itemProperty("IconName").toString().toUtf8() + "|";
+        QVariant pixmaps = itemProperty("IconPixmap");
+        if (pixmaps.canConvert<QDBusArgument>()) {
+            const QDBusArgument argument = pixmaps.value<QDBusArgument>();
+            argument.beginArray();
+            while (!argument.atEnd()) {
+                int width = 0;
+                int height = 0;
+                QByteArray pixels;
+                argument.beginStructure();
+                argument >> width >> height >> pixels;
+                argument.endStructure();
+                seen += QByteArray::number(width) + "x" + QByteArray::number(height) + ":" +
+                        pixels.toHex();
+            }
+            argument.endArray();
+        }
+        return seen;
+    }
+
+    static void readLayout(const QDBusArgument& argument, std::vector<MenuRow>& rows, bool isRoot) {
+        int id = 0;
+        MenuRow row;
+        argument.beginStructure();
+        argument >> id >> row.properties;
+        argument.beginArray();
+        while (!argument.atEnd()) {
+            QDBusVariant child;
+            argument >> child;
+            readLayout(child.variant().value<QDBusArgument>(), rows, false);
+        }
+        argument.endArray();
+        argument.endStructure();
+        if (!isRoot) rows.push_back(row);
+    }
+
+    std::vector<MenuRow> menuRows() {
+        QString menuPath = itemProperty("Menu").value<QDBusObjectPath>().path();
+        QDBusMessage call = QDBusMessage::createMethodCall(watcher_.itemService(), menuPath,
+                                                           "com.canonical.dbusmenu", "GetLayout");
+        call << 0 << -1 << QStringList();
+        QDBusMessage reply = bus_->call(call, QDBus::Block, 10'000);
+        std::vector<MenuRow> rows;
+        if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().size() < 2) {
+            return rows;
+        }
+        readLayout(reply.arguments()[1].value<QDBusArgument>(), rows, true);
+        return rows;
+    }
+
+    std::string startMessage() {
+        double now =
+            std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+                .count();
+        return nlohmann::json{
+            {"type", "start"},
+            {"pass", PassSigner::development().issue(HelperInfo::builtInOrigins().front(), now)}}
+            .dump();
+    }
+
+    std::unique_ptr<SoundServer> sound_;
+    std::unique_ptr<PrivateDesktop> desktop_;
+    std::optional<QDBusConnection> bus_;
+    StatusNotifierWatcherStandIn watcher_;
+    std::unique_ptr<SoundServer::Process> helper_;
+    int port_ = 0;
+};
+
+TEST_F(TrayOverDBusTest, PanelSeesTheItemItsMenuAndTheSendingStateAndSigtermEndsCleanly) {
+    startHelper();
+    ASSERT_TRUE(waitUntil([&] { return !watcher_.itemService().isEmpty(); }))
+        << "the helper never registered a tray item\n"
+        << helperLog();
+
+    QString waiting = "Velmora Audio Helper \u2014 Ready \u00B7 waiting for Velmora (port " +
+                      QString::number(port_) + ")";
+    ASSERT_TRUE(waitUntil([&] { return toolTip().title == waiting; }))
+        << toolTip().title.toStdString() << "\n"
+        << helperLog();
+    EXPECT_EQ(itemProperty("Title").toString().toStdString(), "Velmora Audio Helper");
+    QByteArray waitingIcon = iconSeen();
+    EXPECT_NE(waitingIcon, "|") << "the item shows no icon";
+
+    std::vector<MenuRow> rows = menuRows();
+    ASSERT_EQ(rows.size(), 9u) << helperLog();
+    EXPECT_EQ(rows[0].label(),
+              "Velmora Audio Helper " + QString::fromStdString(HelperInfo::version()));
+    EXPECT_FALSE(rows[0].enabled());
+    EXPECT_EQ(rows[1].label(),
+              "Ready \u00B7 waiting for Velmora (port " + QString::number(port_) + ")");
+    EXPECT_FALSE(rows[1].enabled());
+    EXPECT_EQ(rows[2].label(), "Allow System Audio Recording\u2026");
+    EXPECT_FALSE(rows[2].visible());
+    EXPECT_TRUE(rows[3].isSeparator());
+    EXPECT_EQ(rows[4].label(), "Open Velmora");
+    EXPECT_EQ(rows[5].label(), "Port\u2026");
+    EXPECT_EQ(rows[6].label(), "Start at Login");
+    EXPECT_EQ(rows[6].properties.value("toggle-type").toString(), "checkmark");
+    EXPECT_EQ(rows[6].properties.value("toggle-state").toInt(), 0);
+    EXPECT_TRUE(rows[7].isSeparator());
+    EXPECT_EQ(rows[8].label(), "Quit Velmora Audio Helper");
+    for (int row : {4, 5, 6, 8}) {
+        EXPECT_TRUE(rows[row].enabled()) << row;
+        EXPECT_TRUE(rows[row].visible()) << row;
+    }
+
+    PageNetwork network;
+    auto opening = TestPage::open(network, static_cast<std::uint16_t>(port_),
+                                  {.origin = HelperInfo::builtInOrigins().front()});
+    ASSERT_TRUE(opening.page) << opening.error.message();
+    auto page = opening.page;
+    auto hello = page->nextJson();
+    ASSERT_TRUE(hello);
+    ASSERT_FALSE(page->sendText(startMessage()));
+    auto started = page->nextJson();
+    ASSERT_TRUE(started);
+    ASSERT_EQ(*started, nlohmann::json({{"type", "started"}})) << helperLog();
+    ASSERT_TRUE(page->waitForBinaryCount(3));
+
+    QString sending =
+        "Velmora Audio Helper \u2014 \u25CF Sending system audio to "
+        "app.velmora.example";
+    EXPECT_TRUE(waitUntil([&] { return toolTip().title == sending; }))
+        << toolTip().title.toStdString();
+    EXPECT_NE(iconSeen(), waitingIcon) << "the icon did not change to the sending state";
+
+    ::kill(helper_->pid(), SIGTERM);
+    std::optional<int> exitCode;
+    ASSERT_TRUE(waitUntil([&] {
+        exitCode = helper_->waitFor(10ms);
+        return exitCode.has_value();
+    })) << helperLog();
+    EXPECT_EQ(*exitCode, 0) << helperLog();
+    EXPECT_TRUE(page->waitClosed());
+    while (auto message = page->next(100ms)) {
+        if (message->binary) continue;
+        auto json = nlohmann::json::parse(message->data, nullptr, false);
+        EXPECT_NE(json.value("type", ""), "error") << message->data;
+    }
+}
+
+}  // namespace
+}  // namespace velmora::testing
+
+int main(int argc, char** argv) {
+    // D-Bus objects answer from this thread's event loop, which the waits keep turning.
+    QCoreApplication application(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
