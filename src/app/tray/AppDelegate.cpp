@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSpacerItem>
 #include <QTimer>
 #include <QUrl>
 #include <cstdlib>
@@ -25,6 +26,7 @@ namespace velmora {
 namespace {
 
 constexpr int welcomeDelayMilliseconds = 500;
+constexpr int accessoryAlertWidth = 420;
 
 QString text(std::string_view value) {
     return QString::fromUtf8(value.data(), static_cast<qsizetype>(value.size()));
@@ -63,6 +65,9 @@ void addAccessory(QMessageBox& alert, QWidget* field) {
     int row = grid->rowCount();
     grid->addWidget(field, row, 1, Qt::AlignLeft);
     grid->addWidget(buttons, row + 1, 0, 1, grid->columnCount());
+    // Wide enough that the address in the text is not broken over lines.
+    grid->addItem(new QSpacerItem(accessoryAlertWidth, 0, QSizePolicy::Minimum), row + 2, 0, 1,
+                  grid->columnCount());
 }
 
 }  // namespace
