@@ -7,9 +7,13 @@
 #include <QDBusObjectPath>
 #include <QDBusVariant>
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
 
 #include "PrivateDesktop.h"
 #include "StatusNotifierWatcherStandIn.h"
@@ -64,9 +68,6 @@ class TrayOverDBusTest : public ::testing::Test {
         bus_.emplace(QDBusConnection::connectToBus(QString::fromStdString(desktop_->busAddress()),
                                                    "velmora-tray-test"));
         ASSERT_TRUE(bus_->isConnected()) << bus_->lastError().message().toStdString();
-        ASSERT_TRUE(bus_->registerObject("/StatusNotifierWatcher", &watcher_,
-                                         QDBusConnection::ExportAllContents));
-        ASSERT_TRUE(bus_->registerService("org.kde.StatusNotifierWatcher"));
         port_ = freePort();
         desktop_->saveHelperPort(port_);
     }
@@ -79,12 +80,64 @@ class TrayOverDBusTest : public ::testing::Test {
         sound_.reset();
     }
 
+    // Plays the panel's part: a StatusNotifierItem host is there.
+    void registerWatcher() {
+        ASSERT_TRUE(bus_->registerObject("/StatusNotifierWatcher", &watcher_,
+                                         QDBusConnection::ExportAllContents));
+        ASSERT_TRUE(bus_->registerService("org.kde.StatusNotifierWatcher"));
+    }
+
+    // Runs an X client on the private display and returns its standard output.
+    std::string runOnDisplay(const std::string& command) {
+        std::string line =
+            "env -i PATH=/usr/bin:/bin DISPLAY=" + desktop_->display() + " " + command + " 2>&1";
+        std::string output;
+        if (FILE* pipe = ::popen(line.c_str(), "r")) {
+            char buffer[4096];
+            while (std::size_t read = std::fread(buffer, 1, sizeof buffer, pipe)) {
+                output.append(buffer, read);
+            }
+            ::pclose(pipe);
+        }
+        return output;
+    }
+
+    // True when a window of the helper sits inside trayer's panel window.
+    bool iconIsInTheXEmbedPanel() {
+        std::istringstream tree(runOnDisplay("xwininfo -root -tree"));
+        std::string line;
+        std::size_t panelIndent = std::string::npos;
+        while (std::getline(tree, line)) {
+            std::size_t indent = line.find_first_not_of(' ');
+            if (line.find("(\"panel\" \"trayer\")") != std::string::npos) {
+                panelIndent = indent;
+                continue;
+            }
+            if (panelIndent == std::string::npos) continue;
+            if (indent <= panelIndent) {
+                panelIndent = std::string::npos;
+                continue;
+            }
+            if (line.find("(\"velmora-audio-helper\" \"Velmora Audio Helper\")") !=
+                std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+
     void startHelper() {
         helper_ = desktop_->launch({VELMORA_HELPER_EXECUTABLE, "--no-install"},
                                    sound_->environment(), "helper");
     }
 
-    std::string helperLog() { return desktop_->readLog("helper"); }
+    // The helper's log file, then its standard output and error.
+    std::string helperLog() {
+        std::ifstream file(desktop_->folder() / "state" / "velmora-audio-helper" /
+                           "VelmoraAudioHelper.log");
+        std::string log((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        return log + desktop_->readLog("helper");
+    }
 
     QVariant itemProperty(const QString& name) {
         QDBusMessage call = QDBusMessage::createMethodCall(
@@ -190,6 +243,7 @@ class TrayOverDBusTest : public ::testing::Test {
 };
 
 TEST_F(TrayOverDBusTest, PanelSeesTheItemItsMenuAndTheSendingStateAndSigtermEndsCleanly) {
+    registerWatcher();
     startHelper();
     ASSERT_TRUE(waitUntil([&] { return !watcher_.itemService().isEmpty(); }))
         << "the helper never registered a tray item\n"
@@ -260,6 +314,41 @@ TEST_F(TrayOverDBusTest, PanelSeesTheItemItsMenuAndTheSendingStateAndSigtermEnds
         auto json = nlohmann::json::parse(message->data, nullptr, false);
         EXPECT_NE(json.value("type", ""), "error") << message->data;
     }
+}
+
+TEST_F(TrayOverDBusTest, WithoutAWatcherTheIconGoesIntoAnXEmbedTray) {
+    auto trayer = desktop_->launch({"trayer", "--edge", "top", "--align", "right", "--widthtype",
+                                    "pixel", "--width", "200", "--height", "24"},
+                                   {}, "trayer");
+    ASSERT_TRUE(waitUntil([&] {
+        return runOnDisplay("xwininfo -root -tree").find("(\"panel\" \"trayer\")") !=
+               std::string::npos;
+    })) << desktop_->readLog("trayer");
+    startHelper();
+    EXPECT_TRUE(waitUntil([&] { return iconIsInTheXEmbedPanel(); }))
+        << runOnDisplay("xwininfo -root -tree") << helperLog();
+    // The listener's first line comes after the tray was chosen, so a fallback would show.
+    ASSERT_TRUE(waitUntil([&] { return helperLog().find("Listening on") != std::string::npos; }))
+        << helperLog();
+    EXPECT_EQ(helperLog().find("No system tray"), std::string::npos) << helperLog();
+    ::kill(helper_->pid(), SIGTERM);
+    EXPECT_EQ(helper_->waitFor(30s), 0) << helperLog();
+}
+
+TEST_F(TrayOverDBusTest, WithNeitherTrayTheStatusShowsInAWindow) {
+    startHelper();
+    std::string windows;
+    ASSERT_TRUE(waitUntil([&] {
+        windows = runOnDisplay("xdotool search --onlyvisible --name '^Velmora Audio Helper$'");
+        return !windows.empty() && helperLog().find("Listening on") != std::string::npos;
+    })) << helperLog();
+    EXPECT_NE(helperLog().find("No system tray is available on this desktop"), std::string::npos)
+        << helperLog();
+    std::string window = windows.substr(0, windows.find('\n'));
+    std::string geometry = runOnDisplay("xdotool getwindowgeometry " + window);
+    EXPECT_EQ(geometry.find("Geometry: 1x1"), std::string::npos) << geometry;
+    ::kill(helper_->pid(), SIGTERM);
+    EXPECT_EQ(helper_->waitFor(30s), 0) << helperLog();
 }
 
 }  // namespace
