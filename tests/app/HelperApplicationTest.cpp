@@ -186,7 +186,7 @@ TEST_P(HelperExecutableTest, ServesPagesOnTheSavedPortAndQuitsCleanlyOnASignal) 
     ASSERT_GT(settings, 0);
     ASSERT_EQ(waitForExit(settings, std::chrono::seconds(20)), 0);
 
-    pid_t helper = spawnHelper({"--no-welcome", "--no-install"});
+    pid_t helper = spawnHelper({"--headless", "--no-welcome", "--no-install"});
     ASSERT_GT(helper, 0);
     std::string greeting = greetingFrom(port);
     EXPECT_TRUE(greeting.starts_with("HTTP/1.1 101")) << greeting;

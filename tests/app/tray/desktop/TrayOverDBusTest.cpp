@@ -351,6 +351,29 @@ TEST_F(TrayOverDBusTest, WithNeitherTrayTheStatusShowsInAWindow) {
     EXPECT_EQ(helper_->waitFor(30s), 0) << helperLog();
 }
 
+TEST_F(TrayOverDBusTest, HeadlessAndCommandsNeverLoadQtPluginsEvenWithADisplay) {
+    registerWatcher();
+    helper_ = desktop_->launch({VELMORA_HELPER_EXECUTABLE, "--headless"}, {"QT_DEBUG_PLUGINS=1"},
+                               "helper");
+    ASSERT_TRUE(waitUntil([&] { return helperLog().find("Listening on") != std::string::npos; }))
+        << helperLog();
+    std::ifstream mapsFile("/proc/" + std::to_string(helper_->pid()) + "/maps");
+    std::string maps((std::istreambuf_iterator<char>(mapsFile)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(maps.find("qt6/plugins"), std::string::npos);
+    EXPECT_TRUE(watcher_.itemService().isEmpty());
+    EXPECT_EQ(runOnDisplay("xdotool search --onlyvisible --name '^Velmora Audio Helper$'"), "");
+    ::kill(helper_->pid(), SIGTERM);
+    EXPECT_EQ(helper_->waitFor(30s), 0) << helperLog();
+    EXPECT_EQ(helperLog().find("qt.core.plugin"), std::string::npos) << helperLog();
+
+    auto settings = desktop_->launch({VELMORA_HELPER_EXECUTABLE, "settings"},
+                                     {"QT_DEBUG_PLUGINS=1"}, "settings");
+    EXPECT_EQ(settings->waitFor(30s), 0);
+    std::string output = desktop_->readLog("settings");
+    EXPECT_NE(output.find("port"), std::string::npos) << output;
+    EXPECT_EQ(output.find("qt.core.plugin"), std::string::npos) << output;
+}
+
 }  // namespace
 }  // namespace velmora::testing
 
