@@ -5,6 +5,7 @@
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QSignalSpy>
+#include <QThread>
 #include <QTimer>
 #include <QtTest>
 #include <chrono>
@@ -14,6 +15,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app/XdgAutostartLoginItem.h"
+#include "app/tray/MainThreadStatusRelay.h"
 #include "app/tray/StatusIcons.h"
 #include "config/HelperInfo.h"
 #include "config/HelperSettings.h"
@@ -470,6 +472,44 @@ class AppDelegateTest : public QObject {
         QTRY_VERIFY_WITH_TIMEOUT(script.finished(), generousMilliseconds);
         QTRY_COMPARE(loginItems_->status(), LoginItemService::Status::notRegistered);
         QVERIFY(!delegate_->loginItem().isChecked());
+    }
+
+    void relayDeliversStatusesInOrderOnTheMainThread() {
+        QObject receiver;
+        std::vector<int> seen;
+        bool allOnMainThread = true;
+        {
+            MainThreadStatusRelay relay(&receiver);
+            auto handler = relay.handlerFor([&](const HelperStatus& status) {
+                allOnMainThread = allOnMainThread && QThread::currentThread() == qApp->thread();
+                seen.push_back(status.clients);
+            });
+            SerialQueue other("relay-test");
+            other.runAndWait([&] {
+                for (int clients = 1; clients <= 50; ++clients) {
+                    HelperStatus status;
+                    status.clients = clients;
+                    handler(status);
+                }
+            });
+            QVERIFY(seen.empty());  // nothing runs on the other thread or before the loop turns
+            QTRY_COMPARE(seen.size(), size_t(50));
+        }
+        QVERIFY(allOnMainThread);
+        for (int index = 0; index < 50; ++index) QCOMPARE(seen[index], index + 1);
+    }
+
+    void relayPostsNothingOnceItIsGone() {
+        QObject receiver;
+        int calls = 0;
+        HelperServer::StatusHandler handler;
+        {
+            MainThreadStatusRelay relay(&receiver);
+            handler = relay.handlerFor([&](const HelperStatus&) { ++calls; });
+        }
+        handler(HelperStatus{});
+        QTest::qWait(100);
+        QCOMPARE(calls, 0);
     }
 
     void installerTakingOverEndsTheLaunchBeforeAnythingStarts() {
