@@ -66,8 +66,9 @@ class AppDelegate final : public QObject {
     void showLoginItemFailure(const std::string& reason);
 
     Services services_;
-    std::unique_ptr<QSystemTrayIcon> statusItem_;
+    // Before the tray item, which shows it and so must go first.
     QMenu menu_;
+    std::unique_ptr<QSystemTrayIcon> statusItem_;
     QAction* statusLine_ = nullptr;
     QAction* permissionItem_ = nullptr;
     QAction* loginItem_ = nullptr;

@@ -2,6 +2,7 @@
 
 #include <QAbstractButton>
 #include <QApplication>
+#include <QDesktopServices>
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QSignalSpy>
@@ -17,6 +18,7 @@
 #include "app/XdgAutostartLoginItem.h"
 #include "app/tray/MainThreadStatusRelay.h"
 #include "app/tray/StatusIcons.h"
+#include "config/BuildConfig.h"
 #include "config/HelperInfo.h"
 #include "config/HelperSettings.h"
 #include "config/SerialQueue.h"
@@ -114,6 +116,15 @@ class AlertScript {
 };
 
 }  // namespace
+
+// Stands in for the desktop's browser.
+class UrlCatcher : public QObject {
+    Q_OBJECT
+  public:
+    QList<QUrl> opened;
+  public Q_SLOTS:
+    void open(const QUrl& url) { opened << url; }
+};
 
 class AppDelegateTest : public QObject {
     Q_OBJECT
@@ -510,6 +521,16 @@ class AppDelegateTest : public QObject {
         handler(HelperStatus{});
         QTest::qWait(100);
         QCOMPARE(calls, 0);
+    }
+
+    void openVelmoraOpensTheWebApplicationInTheBrowser() {
+        launch();
+        UrlCatcher catcher;
+        QDesktopServices::setUrlHandler("https", &catcher, "open");
+        delegate_->menu().actions()[4]->trigger();
+        QDesktopServices::unsetUrlHandler("https");
+        QString address = QString::fromUtf8(build::webAppUrl.data(), build::webAppUrl.size());
+        QCOMPARE(catcher.opened, QList<QUrl>{QUrl(address)});
     }
 
     void installerTakingOverEndsTheLaunchBeforeAnythingStarts() {

@@ -35,6 +35,7 @@ struct ToolTip {
 };
 
 struct MenuRow {
+    int id = 0;
     QVariantMap properties;
     QString label() const { return properties.value("label").toString(); }
     bool isSeparator() const { return properties.value("type").toString() == "separator"; }
@@ -199,6 +200,7 @@ class TrayOverDBusTest : public ::testing::Test {
         MenuRow row;
         argument.beginStructure();
         argument >> id >> row.properties;
+        row.id = id;
         argument.beginArray();
         while (!argument.atEnd()) {
             QDBusVariant child;
@@ -313,6 +315,44 @@ TEST_F(TrayOverDBusTest, PanelSeesTheItemItsMenuAndTheSendingStateAndSigtermEnds
         if (message->binary) continue;
         auto json = nlohmann::json::parse(message->data, nullptr, false);
         EXPECT_NE(json.value("type", ""), "error") << message->data;
+    }
+}
+
+TEST_F(TrayOverDBusTest, QuitFromThePanelsMenuEndsCleanlyWhileAPageStreams) {
+    registerWatcher();
+    startHelper();
+    ASSERT_TRUE(waitUntil([&] { return !watcher_.itemService().isEmpty(); })) << helperLog();
+    ASSERT_TRUE(waitUntil([&] { return toolTip().title.contains("waiting for Velmora"); }))
+        << helperLog();
+
+    PageNetwork network;
+    auto opening = TestPage::open(network, static_cast<std::uint16_t>(port_),
+                                  {.origin = HelperInfo::builtInOrigins().front()});
+    ASSERT_TRUE(opening.page) << opening.error.message();
+    auto page = opening.page;
+    ASSERT_TRUE(page->nextJson());
+    ASSERT_FALSE(page->sendText(startMessage()));
+    ASSERT_EQ(page->nextJson(), nlohmann::json({{"type", "started"}})) << helperLog();
+
+    std::vector<MenuRow> rows = menuRows();
+    ASSERT_EQ(rows.size(), 9u);
+    ASSERT_EQ(rows[8].label(), "Quit Velmora Audio Helper");
+    QString menuPath = itemProperty("Menu").value<QDBusObjectPath>().path();
+    QDBusMessage click = QDBusMessage::createMethodCall(watcher_.itemService(), menuPath,
+                                                        "com.canonical.dbusmenu", "Event");
+    click << rows[8].id << "clicked" << QVariant::fromValue(QDBusVariant(0)) << 0u;
+    bus_->call(click, QDBus::NoBlock);
+
+    std::optional<int> exitCode;
+    ASSERT_TRUE(waitUntil([&] {
+        exitCode = helper_->waitFor(10ms);
+        return exitCode.has_value();
+    })) << helperLog();
+    EXPECT_EQ(*exitCode, 0) << helperLog();
+    EXPECT_TRUE(page->waitClosed());
+    while (auto message = page->next(100ms)) {
+        if (message->binary) continue;
+        EXPECT_EQ(message->data.find("\"error\""), std::string::npos) << message->data;
     }
 }
 
