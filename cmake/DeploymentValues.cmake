@@ -7,7 +7,14 @@ set(VELMORA_PRODUCTION_KEY "" CACHE STRING
     "Production pass key: base64 of a 65-byte uncompressed P-256 point (may be empty in development)")
 set(VELMORA_DEV_KEYS "" CACHE STRING "Development pass keys (list, same form); empty in release builds")
 set(VELMORA_WEB_APP_URL "https://app.velmora.example" CACHE STRING "Address of the web application")
-option(VELMORA_GUI "Build the Qt tray front end" OFF)
+# The tray front end is built wherever Qt 6 Widgets is found; OFF builds run headless only.
+find_package(Qt6 6.2 QUIET COMPONENTS Widgets)
+if(Qt6Widgets_FOUND)
+    set(velmoraGuiDefault ON)
+else()
+    set(velmoraGuiDefault OFF)
+endif()
+option(VELMORA_GUI "Build the Qt tray front end" ${velmoraGuiDefault})
 
 list(LENGTH VELMORA_BUILTIN_ORIGINS velmoraOriginCount)
 if(NOT velmoraOriginCount EQUAL 3)

@@ -16,6 +16,10 @@ packages=(
     sox espeak-ng procps
     # the browser test
     chromium
+    # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
+    # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
+    # an XEmbed tray, screenshots
+    qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool
 )
 # Node and npm may come with the machine; Debian's own are the fallback.
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then

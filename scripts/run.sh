@@ -52,8 +52,11 @@ echo "   Your own settings are left as they are."
 port=$("${demo_env[@]}" "$helper" settings | sed -n 's/^port: *\([0-9]*\).*/\1/p' | head -1)
 port=${port:-52849}
 
-echo "== starting velmora-audio-helper on ws://127.0.0.1:$port/"
-"${demo_env[@]}" "$helper" --no-welcome &
+# On a desktop the helper lives in the system tray; without a display it runs headless.
+helper_mode=(--headless)
+[ -n "${DISPLAY:-}${WAYLAND_DISPLAY:-}" ] && helper_mode=()
+echo "== starting velmora-audio-helper on ws://127.0.0.1:$port/ (${helper_mode[*]:-in the tray})"
+"${demo_env[@]}" "$helper" --no-welcome "${helper_mode[@]}" &
 helper_pid=$!
 children+=("$helper_pid")
 for _ in $(seq 50); do

@@ -1,6 +1,7 @@
 #include "app/HelperApplication.h"
 
 #include <csignal>
+#include <cstdlib>
 
 #include <boost/asio/signal_set.hpp>
 #include <memory>
@@ -70,7 +71,9 @@ HelperArguments HelperArguments::parse(const std::vector<std::string>& args) {
             parsed.noWelcome = true;
         } else if (argument == "--no-install") {
             parsed.noInstall = true;
-        } else if (argument != "--headless") {
+        } else if (argument == "--headless") {
+            parsed.headless = true;
+        } else {
             parsed.action = Action::usageError;
             parsed.problem = argument.starts_with("-") ? "unknown option " + argument
                                                        : "unknown command " + argument;
@@ -88,12 +91,22 @@ void printHelperUsage(std::ostream& stream) {
               "\n"
               "Without a command, serves the system audio to allowed Velmora pages on\n"
               "ws://127.0.0.1:<port>/ until interrupted (SIGINT or SIGTERM).\n"
-              "  --headless    run without a tray icon (the only mode for now)\n"
+              "  --headless    run without a tray icon and without touching the display\n"
               "  --no-welcome  do not greet the user on this launch\n"
               "  --no-install  do not offer to install the helper\n"
               "  settings      show or change the port and the extra allowed origins\n"
               "                (velmora-audio-helper settings --help)\n"
               "  listen        connect like a page and report what arrives\n";
+}
+
+bool wantsTray(const HelperArguments& arguments) {
+    if (arguments.action != HelperArguments::Action::runHelper || arguments.headless) return false;
+    auto isSet = [](const char* name) {
+        const char* value = std::getenv(name);
+        return value != nullptr && value[0] != '\0';
+    };
+    // A platform named outright (offscreen, for instance) needs no display server.
+    return isSet("DISPLAY") || isSet("WAYLAND_DISPLAY") || isSet("QT_QPA_PLATFORM");
 }
 
 int runHelperApplication(const std::vector<std::string>& args, std::ostream& out,

@@ -20,6 +20,8 @@ struct HelperArguments {
     Action action = Action::runHelper;
     // The words after a command's name.
     std::vector<std::string> commandArguments;
+    // --headless: serve without the tray, never touching the display.
+    bool headless = false;
     bool noWelcome = false;
     bool noInstall = false;
     // What was wrong, for a usage error.
@@ -31,10 +33,14 @@ struct HelperArguments {
 // The usage text.
 void printHelperUsage(std::ostream& stream);
 
-// The whole process after main(): runs a command, or the helper itself until SIGINT or SIGTERM
-// (headless: there is no tray yet). Returns the exit code: 0 done, 2 a bad command line, or the
-// command's own code.
+// The whole process after main(): runs a command, or the helper itself without a tray until
+// SIGINT or SIGTERM. Returns the exit code: 0 done, 2 a bad command line, or the command's own
+// code.
 int runHelperApplication(const std::vector<std::string>& args, std::ostream& out,
                          std::ostream& err);
+
+// True when the arguments ask for the helper itself (not a command, help or a usage error)
+// with a tray, and there is a display to show one on.
+bool wantsTray(const HelperArguments& arguments);
 
 }  // namespace velmora

@@ -41,13 +41,12 @@ constexpr PlatformTexts linuxTexts{
         "Your desktop is still waiting for you to allow \"System Audio Recording\" for ",
     .permissionTimeoutTail = ". Answer the prompt, then try again.",
     .welcomeWhereItLives =
-        "It runs in the background (the waveform icon in the system tray, where your desktop "
-        "shows one). When you capture an online meeting in Velmora, it sends your computer's "
-        "audio \u2014 what the other people say \u2014 to Velmora for transcription. Nothing is "
-        "recorded or stored.",
+        "It lives in the system tray (the waveform icon). When you capture an online meeting in "
+        "Velmora, it sends your computer's audio \u2014 what the other people say \u2014 to "
+        "Velmora for transcription. Nothing is recorded or stored.",
+    // Plain PulseAudio never asks; desktops that sandbox recording do.
     .welcomeFirstTime =
-        "It records what your sound server plays; sandboxed desktops may first ask you to allow "
-        "\"System Audio Recording\".",
+        "The first time, your desktop may ask you to allow \"System Audio Recording\".",
     .loginItemTip =
         "Tip: you can also manage it in your desktop's Startup Applications settings, or with "
         "the files in ~/.config/autostart.",

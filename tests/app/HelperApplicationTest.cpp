@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "config/HelperInfo.h"
+#include "config/TemporaryFolder.h"
 
 extern char** environ;
 
@@ -37,6 +38,25 @@ TEST(HelperArgumentsTest, HeadlessNoWelcomeAndNoInstallAreAccepted) {
     EXPECT_TRUE(parsed.noWelcome);
     EXPECT_TRUE(parsed.noInstall);
     EXPECT_FALSE(HelperArguments::parse({"--headless"}).noWelcome);
+    EXPECT_TRUE(parsed.headless);
+    EXPECT_FALSE(HelperArguments::parse({"--no-welcome"}).headless);
+}
+
+TEST(HelperArgumentsTest, TheTrayIsWantedOnlyWithADisplayAndWithoutHeadless) {
+    testing::ScopedEnvironment display("DISPLAY", ":7");
+    testing::ScopedEnvironment wayland("WAYLAND_DISPLAY", std::nullopt);
+    testing::ScopedEnvironment platform("QT_QPA_PLATFORM", std::nullopt);
+    EXPECT_TRUE(wantsTray(HelperArguments::parse({"--no-welcome"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"--headless"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"settings"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"listen"})));
+    EXPECT_FALSE(wantsTray(HelperArguments::parse({"--version"})));
+    {
+        testing::ScopedEnvironment noDisplay("DISPLAY", "");
+        EXPECT_FALSE(wantsTray(HelperArguments::parse({})));
+        testing::ScopedEnvironment waylandDisplay("WAYLAND_DISPLAY", "wayland-0");
+        EXPECT_TRUE(wantsTray(HelperArguments::parse({})));
+    }
 }
 
 TEST(HelperArgumentsTest, SettingsAndListenTakeTheRestOfTheLine) {
@@ -166,7 +186,7 @@ TEST_P(HelperExecutableTest, ServesPagesOnTheSavedPortAndQuitsCleanlyOnASignal) 
     ASSERT_GT(settings, 0);
     ASSERT_EQ(waitForExit(settings, std::chrono::seconds(20)), 0);
 
-    pid_t helper = spawnHelper({"--no-welcome", "--no-install"});
+    pid_t helper = spawnHelper({"--headless", "--no-welcome", "--no-install"});
     ASSERT_GT(helper, 0);
     std::string greeting = greetingFrom(port);
     EXPECT_TRUE(greeting.starts_with("HTTP/1.1 101")) << greeting;

@@ -1,0 +1,82 @@
+#include "app/tray/TrayApplication.h"
+
+#include <QApplication>
+#include <csignal>
+#include <memory>
+
+#include "app/XdgAutostartLoginItem.h"
+#include "app/installer/AppInstaller.h"
+#include "app/tray/AppDelegate.h"
+#include "app/tray/TerminationSignals.h"
+#include "capture/pulse/DesktopCapturePermission.h"
+#include "capture/pulse/PulseAudioTap.h"
+#include "config/HelperInfo.h"
+#include "config/HelperSettings.h"
+#include "config/Log.h"
+#include "config/SerialQueue.h"
+#include "meetings/pulse/PulseMicrophoneUsers.h"
+#include "server/HelperServer.h"
+
+namespace velmora {
+namespace {
+
+const char* signalName(int signal) {
+    switch (signal) {
+        case SIGTERM:
+            return "SIGTERM";
+        case SIGINT:
+            return "SIGINT";
+        default:
+            return "SIGHUP";
+    }
+}
+
+}  // namespace
+
+int runTrayApplication(const HelperArguments& arguments, const std::vector<std::string>& args,
+                       int& argc, char** argv) {
+    // Port and admitted origins come from the saved settings, read anew at every use.
+    HelperSettings::shared().installAsKitHooks();
+    // A page that vanishes mid-write must not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    QApplication application(argc, argv);
+    // Panels read the item's title, and with it its accessible name, from the application name.
+    QApplication::setApplicationName("Velmora Audio Helper");
+    QApplication::setApplicationDisplayName("Velmora Audio Helper");
+    QApplication::setApplicationVersion(QString::fromStdString(HelperInfo::version()));
+    QApplication::setDesktopFileName(HelperInfo::appId);
+    // Closing a dialog must not end a program whose home is the tray.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    TerminationSignals terminationSignals([](int signal) {
+        log(std::string("Quitting (") + signalName(signal) + ")");
+        QCoreApplication::quit();
+    });
+
+    // The server's main queue: its own thread, from which statuses are posted into Qt's event
+    // loop; the capture's device-change debounce runs there too.
+    SerialQueue mainQueue("com.velmora.audiohelper.main");
+    auto permission = std::make_shared<DesktopCapturePermission>();
+    auto server = HelperServer::create(std::make_unique<PulseAudioTap>(), permission,
+                                       std::make_shared<PulseMicrophoneUsers>(), mainQueue);
+
+    int exitCode = 0;
+    {
+        AppDelegate delegate({
+            .server = server,
+            .permission = permission,
+            .loginItems = std::make_shared<XdgAutostartLoginItem>(),
+            .installerTakesOver = [&args] { return AppInstaller::offerToInstallIfNeeded(args); },
+            .noWelcome = arguments.noWelcome,
+        });
+        QObject::connect(&application, &QCoreApplication::aboutToQuit, &delegate,
+                         [&delegate] { delegate.applicationWillTerminate(); });
+        if (delegate.applicationDidFinishLaunching()) exitCode = QApplication::exec();
+    }
+    server.reset();
+    flushLog();
+    return exitCode;
+}
+
+}  // namespace velmora
