@@ -43,7 +43,7 @@ std::string desktopEntryText(const std::filesystem::path& installedFolder) {
            icon.string() +
            "\n"
            "Terminal=false\n"
-           "Categories=AudioVideo;Audio;Utility;\n"
+           "Categories=AudioVideo;Audio;\n"
            "StartupNotify=false\n";
 }
 

@@ -19,7 +19,7 @@ TEST(DesktopEntry, NamesTheInstalledExecutableAndIconByFullPath) {
     EXPECT_THAT(text, HasSubstr("\nExec=/opt/velmora-audio-helper/bin/velmora-audio-helper\n"));
     EXPECT_THAT(text, HasSubstr("\nIcon=/opt/velmora-audio-helper/share/icons/hicolor/scalable/"
                                 "apps/velmora-audio-helper.svg\n"));
-    EXPECT_THAT(text, HasSubstr("\nCategories=AudioVideo;Audio;Utility;\n"));
+    EXPECT_THAT(text, HasSubstr("\nCategories=AudioVideo;Audio;\n"));
     EXPECT_THAT(text, HasSubstr("\nStartupNotify=false\n"));
 }
 
