@@ -16,6 +16,8 @@ packages=(
     sox espeak-ng procps
     # the browser test
     chromium
+    # packages: icons rendered from SVG, the disk image, package checks, the end-to-end test
+    librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs xvfb
 )
 # Node and npm may come with the machine; Debian's own are the fallback.
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
