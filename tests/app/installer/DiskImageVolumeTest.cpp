@@ -55,11 +55,12 @@ TEST(DiskImageVolume, AFolderOnTheLocalDiskIsNoDiskImage) {
     EXPECT_FALSE(AppInstaller::diskImageVolume(*AppInstaller::runningExecutable()).has_value());
 }
 
-TEST(DiskImageVolume, TheImagesVolumeIsFoundForTheHandOver) {
+// The volume and device of a helper started from a mounted image of the given kind.
+void expectTheImagesVolumeIsFound(testing::LoopMountedImage::Kind kind) {
     TemporaryFolder contents;
     testing::writeText(contents / "velmora-audio-helper/bin/velmora-audio-helper", "x");
-    testing::LoopMountedImage image(contents.path());
-    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    testing::LoopMountedImage image(contents.path(), kind);
+    if (!image.mounted()) GTEST_SKIP() << image.problem();
 
     const std::filesystem::path folder = image.path() / "velmora-audio-helper";
     std::optional<DiskImageVolume> volume = AppInstaller::diskImageVolume(folder);
@@ -67,6 +68,14 @@ TEST(DiskImageVolume, TheImagesVolumeIsFoundForTheHandOver) {
     EXPECT_EQ(volume->mountPoint, image.path());
     EXPECT_TRUE(volume->device.starts_with("/dev/loop")) << volume->device;
     EXPECT_TRUE(AppInstaller::isOnReadOnlyFileSystem(folder / "bin/velmora-audio-helper"));
+}
+
+TEST(DiskImageVolume, TheIsoImagesVolumeIsFoundForTheHandOver) {
+    expectTheImagesVolumeIsFound(testing::LoopMountedImage::Kind::iso9660);
+}
+
+TEST(DiskImageVolume, AnExt4ImagesVolumeIsFoundForTheHandOver) {
+    expectTheImagesVolumeIsFound(testing::LoopMountedImage::Kind::ext4);
 }
 
 TEST(DiskImageVolume, ABindMountOfALocalFolderIsNoDiskImage) {
