@@ -15,9 +15,9 @@ namespace velmora::AppInstaller {
 inline constexpr std::string_view handOverScript =
     "while kill -0 \"$1\" 2>/dev/null; do sleep 0.2; done\n"
     "if [ -n \"$2\" ]; then\n"
-    "    udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 || { sleep 1; "
-    "udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1 || umount \"$2\"; "
-    "}\n"
+    "    udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 ||"
+    " { sleep 1; udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1 ||"
+    " umount \"$2\"; }\n"
     "fi\n"
     "exec \"$3\" </dev/null";
 

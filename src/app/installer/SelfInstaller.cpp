@@ -70,8 +70,9 @@ bool runInstallOffer(const std::vector<std::string>& args,
         std::optional<DiskImageVolume> volume = diskImageVolume(source);
         log("Installed to " + installed.string() + "; ejecting " +
             (volume ? volume->mountPoint.string() : std::string("(no disk image)")));
-        if (options.handOver)
+        if (options.handOver) {
             options.handOver(installed / executable->lexically_relative(source), volume);
+        }
         return true;
     } catch (const std::exception& failure) {
         // Folder, Trash and copy failures are InstallerErrors; anything else reads the same way.
