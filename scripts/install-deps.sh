@@ -20,6 +20,8 @@ packages=(
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
     # an XEmbed tray, screenshots
     qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool
+    # packages: icons rendered from SVG, the disk image, package checks, the end-to-end test
+    librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs
 )
 # Node and npm may come with the machine; Debian's own are the fallback.
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine and runs the whole test suite.
 #   scripts/test.sh              debug build: unit, integration, sound-server and browser tests
-#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, fuzzers and benchmarks
+#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, fuzzers, the packages'
+#                                end-to-end test (as root) and benchmarks
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -54,6 +55,13 @@ if [ "$full" -eq 1 ]; then
         cmake --preset fuzz >/dev/null
         cmake --build --preset fuzz -j "$jobs"
         bash fuzz/run-all.sh build/fuzz 60
+    fi
+
+    if [ "$(id -u)" -eq 0 ]; then
+        echo "== packages: build, lintian, apt install, run, remove; the disk image's hand-over"
+        bash packaging/tests/end-to-end.sh build/packages
+    else
+        echo "== packages: skipped (the end-to-end package test needs root)"
     fi
 
     echo "== benchmarks (short run, no time assertion)"

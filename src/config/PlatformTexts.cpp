@@ -27,6 +27,10 @@ constexpr PlatformTexts macOSTexts{
     .loginItemTip =
         "Tip: move Velmora Audio Helper to your Applications folder first. You can also manage "
         "it in System Settings \u2192 General \u2192 Login Items.",
+    .installOfferInformative =
+        "It's running from the downloaded disk image. Install it in your Applications folder so "
+        "it keeps working after the disk image is closed and can start at login.",
+    .installInsteadTip = "You can drag Velmora Audio Helper into the Applications folder instead.",
 };
 
 // On Linux the sound server (PulseAudio, or PipeWire speaking its protocol) decides who may
@@ -50,6 +54,13 @@ constexpr PlatformTexts linuxTexts{
     .loginItemTip =
         "Tip: you can also manage it in your desktop's Startup Applications settings, or with "
         "the files in ~/.config/autostart.",
+    .installOfferInformative =
+        "It's running from the downloaded disk image. Install it in /opt or in your own "
+        "~/.local/share folder so it keeps working after the disk image is closed and can start "
+        "at login.",
+    .installInsteadTip =
+        "You can copy the velmora-audio-helper folder from the disk image into /opt or "
+        "~/.local/share instead.",
 };
 
 }  // namespace

@@ -27,6 +27,11 @@ struct PlatformTexts {
     // Appended, after an empty line, to the error text when start at login can't be changed.
     std::string_view loginItemTip;
 
+    // The install offer's informative text, and the tip that follows a failed install's error
+    // after an empty line.
+    std::string_view installOfferInformative;
+    std::string_view installInsteadTip;
+
     std::string permissionDenied(std::string_view appName) const;
     std::string permissionTimeout(std::string_view appName) const;
 

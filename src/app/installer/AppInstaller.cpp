@@ -1,10 +1,14 @@
 #include "app/installer/AppInstaller.h"
 
+#include "app/installer/LaunchLocation.h"
+#include "app/installer/QtInstallerFrontEnd.h"
+#include "app/installer/SelfInstaller.h"
+
 namespace velmora::AppInstaller {
 
-// Until the installer lands, every launch goes on where it is.
-bool offerToInstallIfNeeded(const std::vector<std::string>&) {
-    return false;
+bool offerToInstallIfNeeded(const std::vector<std::string>& args) {
+    QtInstallerFrontEnd frontEnd(QtInstallerFrontEnd::scriptedAnswerFromEnvironment());
+    return runInstallOffer(args, runningExecutable(), frontEnd, InstallOptions::standard());
 }
 
 }  // namespace velmora::AppInstaller

@@ -6,11 +6,14 @@
 namespace velmora {
 
 // Installs a copy started from a read-only place (the portable folder on a mounted disk image)
-// and hands over to the installed copy. The tray's launch sequence asks it first.
+// and hands over to the installed copy. The tray's launch sequence asks it first, once its
+// QApplication exists.
 namespace AppInstaller {
 
 // True when an installed copy is about to start and the caller must exit now; false when the
 // caller should go on launching. `args` are the process's arguments ("--no-install" skips it).
+// With VELMORA_INSTALLER_ANSWER=install (or not-now) in the environment the offer is answered
+// without a dialog, for tests of the whole hand-over.
 bool offerToInstallIfNeeded(const std::vector<std::string>& args);
 
 }  // namespace AppInstaller

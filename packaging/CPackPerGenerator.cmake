@@ -1,0 +1,12 @@
+# Read by CPack once per generator.
+if(CPACK_GENERATOR STREQUAL "DEB")
+    set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+elseif(CPACK_GENERATOR STREQUAL "TGZ")
+    # One folder holding the helper's tree, which runs wherever it is unpacked.
+    set(CPACK_COMPONENTS_ALL helper)
+    set(CPACK_ARCHIVE_COMPONENT_INSTALL ON)
+    set(CPACK_COMPONENT_INCLUDE_TOPLEVEL_DIRECTORY ON)
+    set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+    set(CPACK_PACKAGE_FILE_NAME "velmora-audio-helper-${CPACK_PACKAGE_VERSION}-linux-${CPACK_VELMORA_PROCESSOR}")
+    set(CPACK_POST_BUILD_SCRIPTS "${CPACK_VELMORA_DISK_IMAGE_SCRIPT}")
+endif()

@@ -1,0 +1,199 @@
+#!/usr/bin/env bash
+# End to end on this machine, as a user gets the helper:
+#   1. builds the packages (the .debs, the tarball, the disk image) with the release preset;
+#   2. lintian finds no error in the .debs; apt installs them; the installed helper serves a
+#      page its "hello"; dpkg -r removes them cleanly;
+#   3. the disk image, mounted read-only through a loop device, starts the helper in the test mode
+#      that answers "Install": the copy lands in /opt, the installed copy starts and serves, and
+#      the image is detached.
+# Step 3 runs in a private mount namespace with a scratch /opt, so a real /opt is never touched.
+# Needs root (apt, loop mounts, namespaces), Xvfb, and a build whose tray offers the install
+# (VELMORA_GUI=ON).
+#   packaging/tests/end-to-end.sh [BUILD_DIR]       (default build/packages)
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+log_name=VelmoraAudioHelper.log
+patience=30
+
+fail() {
+    echo "end-to-end: FAILED: $*" >&2
+    exit 1
+}
+step() { echo "== end-to-end: $*"; }
+
+# Waits up to $patience seconds for a command to succeed.
+wait_for() {
+    local deadline=$((SECONDS + patience))
+    until "$@"; do
+        [ $SECONDS -lt $deadline ] || return 1
+        sleep 0.2
+    done
+}
+
+free_port() {
+    local port
+    while :; do
+        port=$((20000 + RANDOM % 30000))
+        if ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+            echo "$port"
+            return
+        fi
+    done
+}
+
+# A fresh set of per-user folders under $1 for the helper's settings, log and data.
+private_user() {
+    export HOME="$1/home"
+    export XDG_CONFIG_HOME="$HOME/.config" XDG_STATE_HOME="$HOME/.local/state"
+    export XDG_DATA_HOME="$HOME/.local/share"
+    mkdir -p "$XDG_CONFIG_HOME" "$XDG_STATE_HOME" "$XDG_DATA_HOME"
+}
+
+log_has() { grep -qF -- "$1" "$XDG_STATE_HOME/velmora-audio-helper/$log_name" 2>/dev/null; }
+
+# Connects like a page with a key the release build does not trust: "hello" comes before the
+# pass is checked, so the greeting is all this looks for.
+page_gets_hello() {
+    local helper=$1 port=$2 key=$3 output
+    output=$("$helper" listen --seconds 1 --port "$port" --key "$key" 2>&1 || true)
+    grep -q "^Connected to velmora-audio-helper .* (16000 Hz, 1 ch, f32le)" <<<"$output" ||
+        fail "no hello from the helper on port $port: $output"
+}
+
+# The processes whose executable is $1.
+processes_of() {
+    local process
+    for process in /proc/[0-9]*; do
+        [ "$(readlink "$process/exe" 2>/dev/null)" = "$1" ] && echo "${process#/proc/}"
+    done
+    return 0
+}
+
+image_part() {
+    local build=$1 work=$2
+    local image
+    image=$(ls "$build"/velmora-audio-helper-*.iso)
+    private_user "$work/image-user"
+    mount -t tmpfs scratch-opt /opt
+
+    local volume="$work/volume" source_image=$image
+    mkdir -p "$volume"
+    if ! grep -qw iso9660 /proc/filesystems; then
+        # Some kernels (container and CI VMs) lack ISO 9660: the image's own tree, extracted with
+        # its Rock Ridge modes, goes onto a small ext4 image that mounts the same way.
+        echo "end-to-end: this kernel can't mount ISO 9660; using the image's tree on ext4"
+        xorriso -osirrox on -indev "$image" -extract / "$work/image-tree" 2>/dev/null
+        source_image="$work/image.ext4"
+        mkfs.ext4 -q -d "$work/image-tree" "$source_image" 32M >/dev/null
+    fi
+    mount -o loop,ro "$source_image" "$volume"
+    local device
+    device=$(findmnt -n -o SOURCE "$volume")
+    [ -x "$volume/velmora-audio-helper/bin/velmora-audio-helper" ] ||
+        fail "the image holds no velmora-audio-helper/bin/velmora-audio-helper"
+
+    Xvfb -displayfd 3 -nolisten tcp 3>"$work/display" 2>/dev/null &
+    local xvfb=$!
+    wait_for test -s "$work/display" || fail "Xvfb did not start"
+    export DISPLAY=":$(cat "$work/display")"
+
+    local port
+    port=$(free_port)
+    "$volume/velmora-audio-helper/bin/velmora-audio-helper" settings set port "$port" >/dev/null
+
+    step "start the helper from the image ($device on $volume), answering Install"
+    # From the image's own folder, as a file manager starts it; exec so $! is the helper itself.
+    (cd "$volume" && VELMORA_INSTALLER_ANSWER=install \
+        exec ./velmora-audio-helper/bin/velmora-audio-helper --no-welcome >"$work/image-run.txt" 2>&1) &
+    local first=$!
+    local deadline=$((SECONDS + patience))
+    while kill -0 "$first" 2>/dev/null; do
+        [ $SECONDS -lt $deadline ] ||
+            fail "the helper on the image did not hand over (does this build offer the install?)"
+        sleep 0.2
+    done
+    log_has "Running from a read-only location: $volume/velmora-audio-helper" ||
+        fail "no read-only launch logged"
+    log_has "Installed to /opt/velmora-audio-helper; ejecting $volume" ||
+        fail "no install logged: $(cat "$XDG_STATE_HOME/velmora-audio-helper/$log_name")"
+
+    local installed=/opt/velmora-audio-helper/bin/velmora-audio-helper
+    wait_for log_has "Listening on ws://127.0.0.1:$port/" ||
+        fail "the installed copy did not start listening"
+    [ -n "$(processes_of "$installed")" ] || fail "no process runs $installed"
+    page_gets_hello "$installed" "$port" "$work/key.pem"
+    grep -q "^Exec=$installed$" "$XDG_DATA_HOME/applications/velmora-audio-helper.desktop" ||
+        fail "no menu entry for the installed copy"
+    wait_for bash -c "! mountpoint -q '$volume'" || fail "the image is still mounted at $volume"
+    [ -z "$(losetup -j "$source_image")" ] || fail "the loop device still holds the image"
+    echo "end-to-end: installed copy serves; the image is detached"
+
+    kill $(processes_of "$installed") 2>/dev/null || true
+    kill "$xvfb" 2>/dev/null || true
+}
+
+main() {
+    [ "$(id -u)" -eq 0 ] || fail "needs root (apt, loop mounts, a private mount namespace)"
+    local build=${1:-build/packages}
+
+    step "build the packages in $build"
+    cmake --preset release -B "$build" -DVELMORA_BUILD_TESTS=OFF \
+        -DVELMORA_BUILD_BENCHMARKS=OFF >/dev/null
+    cmake --build "$build" -j "$(nproc)" --target package >/dev/null
+    local deb pass_deb
+    deb=$(ls "$PWD/$build"/velmora-audio-helper_*.deb)
+    pass_deb=$(ls "$PWD/$build"/velmora-pass_*.deb)
+    ls -l "$deb" "$pass_deb" "$build"/velmora-audio-helper-*.tar.gz "$build"/velmora-audio-helper-*.iso
+
+    if command -v lintian >/dev/null; then
+        step "lintian"
+        local findings
+        findings=$(lintian --fail-on error "$deb" "$pass_deb" 2>&1) || fail "lintian: $findings"
+        grep -v "^running with root" <<<"$findings" || true
+    fi
+
+    local work
+    work=$(mktemp -d)
+    # shellcheck disable=SC2064
+    trap "rm -rf '$work'" EXIT
+    chmod 755 "$work"
+
+    step "apt-get install the packages"
+    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$deb" "$pass_deb" >/dev/null
+    velmora-pass keygen --out "$work/key.pem" >/dev/null
+
+    (
+        private_user "$work/package-user"
+        local port
+        port=$(free_port)
+        velmora-audio-helper settings set port "$port" >/dev/null
+        velmora-audio-helper --headless --no-welcome >/dev/null 2>&1 &
+        local helper=$!
+        wait_for log_has "Listening on ws://127.0.0.1:$port/" ||
+            fail "the installed package's helper did not log \"Listening on\""
+        page_gets_hello velmora-audio-helper "$port" "$work/key.pem"
+        kill "$helper"
+        wait "$helper" || true
+        echo "end-to-end: the package's helper serves"
+    )
+
+    step "dpkg -r"
+    dpkg -r velmora-audio-helper velmora-pass >/dev/null
+    for package in velmora-audio-helper velmora-pass; do
+        status=$(dpkg-query -W -f='${db:Status-Abbrev}' "$package" 2>/dev/null || true)
+        [ -z "$status" ] || [ "${status:0:2}" = "un" ] || fail "$package is left as \"$status\""
+    done
+    [ ! -e /usr/bin/velmora-audio-helper ] || fail "/usr/bin/velmora-audio-helper is left behind"
+    [ ! -e /usr/share/applications/velmora-audio-helper.desktop ] || fail "menu entry left behind"
+
+    step "the disk image hands over to an installed copy"
+    unshare --mount --propagation private -- "$0" --image-part "$PWD/$build" "$work"
+    echo "end-to-end: passed"
+}
+
+if [ "${1:-}" = "--image-part" ]; then
+    image_part "$2" "$3"
+else
+    main "$@"
+fi

@@ -1,0 +1,88 @@
+#include "app/installer/SelfInstaller.h"
+
+#include <algorithm>
+
+#include "app/installer/DesktopEntry.h"
+#include "app/installer/HandOver.h"
+#include "app/installer/InstallPlaces.h"
+#include "app/installer/InstallerError.h"
+#include "app/installer/LaunchLocation.h"
+#include "app/installer/OtherCopies.h"
+#include "app/installer/ToolRun.h"
+#include "config/Log.h"
+#include "config/PlatformTexts.h"
+
+namespace velmora {
+
+InstallOptions InstallOptions::standard() {
+    const std::filesystem::path data = AppInstaller::dataHome();
+    return InstallOptions{
+        .systemFolder = AppInstaller::systemTargetFolder,
+        .userFolder = data,
+        .applicationsFolder = data / "applications",
+        .handOver = &AppInstaller::relaunch,
+    };
+}
+
+namespace AppInstaller {
+
+std::filesystem::path install(const std::filesystem::path& source, InstallerFrontEnd& frontEnd,
+                              const InstallOptions& options) {
+    const std::filesystem::path destination =
+        targetFolder(options.systemFolder, options.userFolder) / installedFolderName;
+
+    quitOtherCopies(options.executableName, [&frontEnd](std::chrono::milliseconds slice) {
+        frontEnd.turnEventLoop(slice);
+    });
+
+    std::error_code error;
+    if (std::filesystem::exists(std::filesystem::symlink_status(destination, error))) {
+        frontEnd.moveToTrash(destination);
+    }
+    run(options.copyTool, {"-a", "-T", source.string(), destination.string()});
+
+    // The copy works without a menu entry; a missing one is worth a line, not a failed install.
+    try {
+        writeDesktopEntry(destination, options.applicationsFolder);
+    } catch (const InstallerError& failure) {
+        log(failure.what());
+    }
+    return destination;
+}
+
+bool runInstallOffer(const std::vector<std::string>& args,
+                     const std::optional<std::filesystem::path>& executable,
+                     InstallerFrontEnd& frontEnd, const InstallOptions& options) {
+    if (std::find(args.begin(), args.end(), "--no-install") != args.end()) return false;
+    if (!executable || !isOnReadOnlyFileSystem(*executable)) return false;
+
+    const std::filesystem::path source = portableFolderOf(*executable);
+    log("Running from a read-only location: " + source.string());
+
+    const PlatformTexts& texts = PlatformTexts::current();
+    if (!frontEnd.askToInstall("Install Velmora Audio Helper?",
+                               std::string(texts.installOfferInformative))) {
+        return false;
+    }
+
+    try {
+        const std::filesystem::path installed = install(source, frontEnd, options);
+        std::optional<DiskImageVolume> volume = diskImageVolume(source);
+        log("Installed to " + installed.string() + "; ejecting " +
+            (volume ? volume->mountPoint.string() : std::string("(no disk image)")));
+        if (options.handOver) {
+            options.handOver(installed / executable->lexically_relative(source), volume);
+        }
+        return true;
+    } catch (const std::exception& failure) {
+        // Folder, Trash and copy failures are InstallerErrors; anything else reads the same way.
+        const std::string description = failure.what();
+        log("Install failed: " + description);
+        frontEnd.showFailure("Couldn't install Velmora Audio Helper",
+                             description + "\n\n" + std::string(texts.installInsteadTip));
+        return false;
+    }
+}
+
+}  // namespace AppInstaller
+}  // namespace velmora

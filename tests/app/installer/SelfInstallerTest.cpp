@@ -1,0 +1,163 @@
+#include "app/installer/SelfInstaller.h"
+
+#include <sys/stat.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "FakeInstallerFrontEnd.h"
+#include "ScratchMounts.h"
+#include "app/installer/InstallerError.h"
+#include "config/PlatformTexts.h"
+#include "config/TemporaryFolder.h"
+
+namespace velmora {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::FakeInstallerFrontEnd;
+using ::testing::IsEmpty;
+using testing::TemporaryFolder;
+
+// A portable folder as the tarball and the disk image hold it, and the places it installs to.
+class SelfInstaller : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        testing::writeText(portable() / "share/doc/velmora-audio-helper/copyright", "c");
+        std::filesystem::create_directories(portable() / "bin");
+        std::filesystem::copy_file("/bin/true", portable() / "bin/velmora-audio-helper");
+    }
+
+    InstallOptions options() {
+        return InstallOptions{
+            .systemFolder = folder_ / "opt",
+            .userFolder = folder_ / "home/.local/share",
+            .applicationsFolder = folder_ / "home/.local/share/applications",
+            .copyTool = "/bin/cp",
+            .executableName = "velmora-test-no-such-copy",
+            .handOver =
+                [this](const std::filesystem::path& executable,
+                       const std::optional<DiskImageVolume>& volume) {
+                    handedOverTo = executable;
+                    handedOverVolume = volume;
+                },
+        };
+    }
+
+    std::filesystem::path portable() const { return folder_ / "image/velmora-audio-helper"; }
+    std::filesystem::path executable() const { return portable() / "bin/velmora-audio-helper"; }
+
+    TemporaryFolder folder_;
+    std::optional<std::filesystem::path> handedOverTo;
+    std::optional<DiskImageVolume> handedOverVolume;
+};
+
+TEST_F(SelfInstaller, AWritableLocationMakesNoOffer) {
+    FakeInstallerFrontEnd frontEnd(true);
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, executable(), frontEnd, options()));
+    EXPECT_THAT(frontEnd.offers, IsEmpty());
+    EXPECT_FALSE(handedOverTo.has_value());
+}
+
+TEST_F(SelfInstaller, AnUnknownLocationMakesNoOffer) {
+    FakeInstallerFrontEnd frontEnd(true);
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, std::nullopt, frontEnd, options()));
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, folder_ / "gone", frontEnd, options()));
+    EXPECT_THAT(frontEnd.offers, IsEmpty());
+}
+
+TEST_F(SelfInstaller, NoInstallFromAReadOnlyLocationMakesNoOffer) {
+    testing::ReadOnlyBindMount image(folder_ / "image");
+    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    FakeInstallerFrontEnd frontEnd(true);
+    const auto onImage = image.path() / "velmora-audio-helper/bin/velmora-audio-helper";
+    EXPECT_FALSE(AppInstaller::runInstallOffer({"--no-welcome", "--no-install"}, onImage, frontEnd,
+                                               options()));
+    EXPECT_THAT(frontEnd.offers, IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "opt"));
+}
+
+TEST_F(SelfInstaller, AReadOnlyLocationIsOfferedEveryLaunchUntilInstalled) {
+    testing::ReadOnlyBindMount image(folder_ / "image");
+    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    FakeInstallerFrontEnd notNow(false);
+    const auto onImage = image.path() / "velmora-audio-helper/bin/velmora-audio-helper";
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, onImage, notNow, options()));
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, onImage, notNow, options()));
+    const std::string offer = "Install Velmora Audio Helper?|" +
+                              std::string(PlatformTexts::current().installOfferInformative);
+    EXPECT_THAT(notNow.offers, ElementsAre(offer, offer));
+    EXPECT_FALSE(handedOverTo.has_value());
+}
+
+TEST_F(SelfInstaller, InstallFromAReadOnlyLocationCopiesAndHandsOver) {
+    testing::ReadOnlyBindMount image(folder_ / "image");
+    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    std::filesystem::create_directories(folder_ / "opt");
+    FakeInstallerFrontEnd install(true);
+    const auto onImage = image.path() / "velmora-audio-helper/bin/velmora-audio-helper";
+    EXPECT_TRUE(AppInstaller::runInstallOffer({}, onImage, install, options()));
+
+    const auto installed = folder_ / "opt/velmora-audio-helper";
+    EXPECT_EQ(handedOverTo, installed / "bin/velmora-audio-helper");
+    // A bind mount of a local folder is no disk image: nothing to detach.
+    EXPECT_FALSE(handedOverVolume.has_value());
+    EXPECT_EQ(testing::readText(installed / "share/doc/velmora-audio-helper/copyright"), "c");
+    EXPECT_THAT(install.failures, IsEmpty());
+}
+
+TEST_F(SelfInstaller, AFailedInstallIsShownAndTheHelperGoesOnFromWhereItIs) {
+    testing::ReadOnlyBindMount image(folder_ / "image");
+    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    std::filesystem::create_directories(folder_ / "opt");
+    FakeInstallerFrontEnd install(true);
+    InstallOptions failing = options();
+    failing.copyTool = "/bin/false";
+    const auto onImage = image.path() / "velmora-audio-helper/bin/velmora-audio-helper";
+    EXPECT_FALSE(AppInstaller::runInstallOffer({}, onImage, install, failing));
+    EXPECT_THAT(install.failures,
+                ElementsAre("Couldn't install Velmora Audio Helper|/bin/false failed\n\n" +
+                            std::string(PlatformTexts::current().installInsteadTip)));
+    EXPECT_FALSE(handedOverTo.has_value());
+}
+
+TEST_F(SelfInstaller, AFailingCopyToolWithEmptyErrorOutputYieldsItsPathAndFailed) {
+    FakeInstallerFrontEnd frontEnd(true);
+    InstallOptions failing = options();
+    failing.copyTool = "/bin/false";
+    std::filesystem::create_directories(folder_ / "opt");
+    try {
+        AppInstaller::install(portable(), frontEnd, failing);
+        FAIL() << "the install did not fail";
+    } catch (const InstallerError& error) {
+        EXPECT_EQ(std::string(error.what()), "/bin/false failed");
+        EXPECT_EQ(error.code(), 1);
+    }
+}
+
+TEST_F(SelfInstaller, InstallCopiesThePortableFolderWithItsModesAndWritesTheMenuEntry) {
+    std::filesystem::create_directories(folder_ / "opt");
+    FakeInstallerFrontEnd frontEnd(true);
+    const auto installed = AppInstaller::install(portable(), frontEnd, options());
+    EXPECT_EQ(installed, folder_ / "opt/velmora-audio-helper");
+    struct stat info {};
+    ASSERT_EQ(::stat((installed / "bin/velmora-audio-helper").c_str(), &info), 0);
+    EXPECT_NE(info.st_mode & S_IXUSR, 0u);
+    EXPECT_THAT(testing::readText(folder_ / "home/.local/share/applications/"
+                                            "velmora-audio-helper.desktop"),
+                ::testing::HasSubstr("Exec=" + (installed / "bin/velmora-audio-helper").string()));
+    EXPECT_THAT(frontEnd.trashed, IsEmpty());
+}
+
+TEST_F(SelfInstaller, AnExistingCopyGoesToTheTrashBeforeTheNewOneIsCopied) {
+    testing::writeText(folder_ / "opt/velmora-audio-helper/old-marker", "old");
+    FakeInstallerFrontEnd frontEnd(true, folder_ / "trash");
+    const auto installed = AppInstaller::install(portable(), frontEnd, options());
+    EXPECT_THAT(frontEnd.trashed, ElementsAre(installed));
+    EXPECT_EQ(testing::readText(folder_ / "trash/velmora-audio-helper/old-marker"), "old");
+    EXPECT_FALSE(std::filesystem::exists(installed / "old-marker"));
+    EXPECT_TRUE(std::filesystem::exists(installed / "bin/velmora-audio-helper"));
+}
+
+}  // namespace
+}  // namespace velmora
