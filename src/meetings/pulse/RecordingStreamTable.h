@@ -23,7 +23,7 @@ class RecordingStreamTable {
         std::uint32_t client = 0;
         bool corked = false;
         bool levelMeter = false;
-        ApplicationIdentity identity;  // the stream's own properties
+        ApplicationIdentity identity = {};  // the stream's own properties
     };
 
     void putStream(std::uint32_t index, Stream stream);
