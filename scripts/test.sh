@@ -68,4 +68,8 @@ if [ "$full" -eq 1 ]; then
     for benchmark in build/dev/bench/*_benchmark; do
         [ -x "$benchmark" ] && "$benchmark" --benchmark_min_time=0.05
     done
+    # What streaming costs next to parec, briefly and from the debug build: figures to read, not
+    # to judge (bench/streaming-cost --help for a full run on a release build).
+    bash bench/streaming-cost --build build/dev --seconds 5 --clicks 10 ||
+        echo "(streaming-cost could not run; no figure)"
 fi

@@ -619,7 +619,12 @@ void HelperServer::watchCallsLocked(bool on) {
     }
     // Every start of streaming tracks calls afresh.
     callWatch_.reset();
-    if (!on) return;
+    if (!on) {
+        microphoneUsers_->stopWatching();
+        return;
+    }
+    // Ticks then read microphone users at once, without waiting on the audio system.
+    microphoneUsers_->startWatching();
     callTimer_ = queue_->repeat(std::chrono::milliseconds::zero(), timings_.callInterval,
                                 timings_.callLeeway, [server = weak_from_this()] {
                                     if (auto self = server.lock()) self->callTickLocked();

@@ -547,7 +547,24 @@ std::unique_ptr<SoundServer::Process> SoundServer::playTone(const std::string& s
                    file.string()});
 }
 
+void SoundServer::suspend() {
+    if (daemons_.empty()) {
+        fail("there is no daemon to suspend");
+    }
+    // PulseAudio alone, or pipewire-pulse, started last.
+    ::kill(daemons_.back()->pid(), SIGSTOP);
+    suspended_ = true;
+}
+
+void SoundServer::resume() {
+    if (suspended_ && !daemons_.empty()) {
+        ::kill(daemons_.back()->pid(), SIGCONT);
+    }
+    suspended_ = false;
+}
+
 void SoundServer::kill() {
+    resume();
     // The pulse server first, so clients see the drop before the graph goes.
     for (auto it = daemons_.rbegin(); it != daemons_.rend(); ++it) {
         (*it)->kill();
@@ -574,6 +591,7 @@ std::string SoundServer::daemonOutput() const {
 }
 
 void SoundServer::stopAll() {
+    resume();
     for (auto it = daemons_.rbegin(); it != daemons_.rend(); ++it) {
         (*it)->terminate();
     }

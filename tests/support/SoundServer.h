@@ -118,6 +118,10 @@ class SoundServer {
     // the default sink); waits until ready. Kills first when still running.
     void restart();
     bool isRunning() const { return !daemons_.empty(); }
+    // Stops the daemon that serves the pulse protocol with SIGSTOP, as a hung server: its socket
+    // still accepts, nothing answers. resume() lets it go on (stopping and killing do too).
+    void suspend();
+    void resume();
 
     // The daemons' output so far, for failure messages.
     std::string daemonOutput() const;
@@ -148,6 +152,7 @@ class SoundServer {
     std::string defaultSink_;
     int commandCount_ = 0;
     int cookiePort_ = 0;
+    bool suspended_ = false;
 };
 
 }  // namespace velmora

@@ -2,42 +2,43 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "meetings/MicrophoneUsers.h"
+#include "meetings/pulse/RecordingStreamView.h"
 
 namespace velmora {
 
 // The applications recording from a real input, as the sound server (PulseAudio, or PipeWire's
-// pulse server) lists them. Each call opens its own short connection and drives it on the
-// calling thread, so no thread outlives a call and a hung server costs at most `timeout`.
+// pulse server) lists them. While calls are watched, one connection keeps a view of the
+// server's recording streams current from its events; a query reads that view at once and never
+// waits on the server. Outside watching, and while the server hangs or is away, nobody records.
 // Safe to call from any thread.
-//
-// A recording stream counts when it is running (not corked), records from a known source that
-// is not the monitor of an output, and is not a level meter. Recording from a monitor is how
-// system audio is captured, the helper's own capture included, so such streams never count.
 class PulseMicrophoneUsers final : public MicrophoneUsers {
   public:
-    struct Options {
-        // The server to ask, as for PULSE_SERVER; empty for the user's default server.
-        std::string serverAddress;
-        // The longest one query may take, connection included.
-        std::chrono::milliseconds timeout{500};
-    };
+    using Options = RecordingStreamView::Options;
 
     PulseMicrophoneUsers();
     explicit PulseMicrophoneUsers(Options options);
+    ~PulseMicrophoneUsers() override;
 
+    void startWatching() override;
+    void stopWatching() override;
+
+    // The streams that count (RecordingStreamTable) by application identifier.
     std::vector<std::string> bundleIds() override;
-
-    // Every recording stream the server lists, counted or not; 0 when the query fails.
+    // Every recording stream the server lists, counted or not; 0 without a view.
     std::int64_t processObjectCount() override;
 
     const Options& options() const { return options_; }
 
   private:
-    Options options_;
+    const Options options_;
+    std::mutex mutex_;
+    std::unique_ptr<RecordingStreamView> view_;  // while watching
 };
 
 }  // namespace velmora

@@ -306,6 +306,7 @@ class HelperOverPulseTest : public ::testing::TestWithParam<Kind> {
         ASSERT_TRUE(page->frames().waitForMore(3, patience));
 
         PulseMicrophoneUsers users({.serverAddress = sound_->serverAddress()});
+        users.startWatching();
         auto zoom = recordMicrophone(clientProperties);
         ASSERT_TRUE(eventually(
             [&] { return users.bundleIds() == std::vector<std::string>{zoomId}; }, patience))
@@ -511,6 +512,7 @@ TEST_P(HelperOverPulseTest, TheHelpersOwnCaptureIsNeverAMicrophoneUser) {
 
     // The server lists the helper's recording stream ...
     PulseMicrophoneUsers users({.serverAddress = sound_->serverAddress()});
+    users.startWatching();
     ASSERT_TRUE(eventually([&] { return users.processObjectCount() >= 1; }, patience))
         << sound_->daemonOutput();
     // ... but never as a user of the microphone, for as long as it streams.

@@ -85,6 +85,24 @@ RecordingStream::RecordingStream(const Options& options) {
     }
 }
 
+void RecordingStream::setCorked(bool corked) {
+    pa_threaded_mainloop_lock(loop_);
+    pa_operation* operation = pa_stream_cork(stream_, corked ? 1 : 0, nullptr, nullptr);
+    pa_threaded_mainloop_unlock(loop_);
+    if (operation == nullptr) {
+        throw std::runtime_error("the stream could not be corked or resumed");
+    }
+    const bool done = waitUnderLock(
+        loop_, [&] { return pa_operation_get_state(operation) != PA_OPERATION_RUNNING; });
+    pa_threaded_mainloop_lock(loop_);
+    const bool applied = pa_operation_get_state(operation) == PA_OPERATION_DONE;
+    pa_operation_unref(operation);
+    pa_threaded_mainloop_unlock(loop_);
+    if (!done || !applied) {
+        throw std::runtime_error("the server did not apply the cork change");
+    }
+}
+
 RecordingStream::~RecordingStream() {
     close();
 }

@@ -27,6 +27,10 @@ class RecordingStream {
     RecordingStream(const RecordingStream&) = delete;
     RecordingStream& operator=(const RecordingStream&) = delete;
 
+    // Pauses (corks) or resumes the stream, as an application muting its microphone does; the
+    // server has applied it when this returns. Throws std::runtime_error when it has not in 10 s.
+    void setCorked(bool corked);
+
   private:
     void close();
 
