@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pulse/timeval.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -12,7 +13,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <set>
 #include <vector>
 
 namespace velmora {
@@ -23,17 +23,39 @@ namespace {
 constexpr suseconds_t monotonicTimeFlag = static_cast<suseconds_t>(1LU << 30);
 
 struct Event;
+struct IoEvent;
+struct Watch;
 
 }  // namespace
 
 struct AsioPulseMainLoop::Shared {
+    Shared() {
+        // Room for what one connection uses, so that steady work never grows these.
+        events.reserve(32);
+        cachedWatches.reserve(8);
+        spareIoEvents.reserve(4);
+    }
+
     pa_mainloop_api api{};
+    std::weak_ptr<Shared> weakSelf;
     // Guards `context` and `events` against the io_context ending on another thread.
     std::mutex mutex;
     boost::asio::io_context* context = nullptr;  // null once the io_context has ended
-    std::set<Event*> events;
+    std::vector<Event*> events;
+
+    // On the loop's thread (or once it has ended).
+    // Freed io events kept for reuse: libpulse frees and makes one again for every fragment when
+    // its socket is readable and writable at once.
+    std::vector<std::unique_ptr<IoEvent>> spareIoEvents;
+    // Watches of freed io events, kept until the end of this turn of the loop for an io_new on
+    // the same descriptor, which then costs no new registration with the reactor.
+    std::vector<std::shared_ptr<Watch>> cachedWatches;
+    bool purgePosted = false;
 
     void detachAllLocked();
+    std::shared_ptr<Watch> takeWatch(int fd);
+    void cacheWatch(std::shared_ptr<Watch> watch);
+    void purgeCachedWatches();
 };
 
 namespace {
@@ -60,7 +82,7 @@ std::shared_ptr<Derived> hold(Derived* event) {
 void registerEvent(const std::shared_ptr<Event>& event) {
     event->self = event;
     std::lock_guard lock(event->shared.mutex);
-    event->shared.events.insert(event.get());
+    event->shared.events.push_back(event.get());
 }
 
 // Marks the event freed and lets go of it; handlers still queued find it dead.
@@ -69,87 +91,112 @@ void release(Event* event) {
     event->dead = true;
     std::lock_guard lock(event->shared.mutex);
     event->detachLocked();
-    event->shared.events.erase(event);
+    std::erase(event->shared.events, event);
 }
 
-struct IoEvent final : Event {
-    IoEvent(Shared& shared, int fd) : Event(shared), fd(fd) {}
-
-    void detachLocked() override { descriptor.reset(); }
+// The reactor's side of io events on one descriptor: waits for readiness and runs the callback of
+// the io event that uses it now. Handlers hold the watch, never the event, so an event may be
+// freed (and its storage reused) inside its own callback.
+struct Watch : std::enable_shared_from_this<Watch> {
+    Watch(Shared& shared, int fd) : shared(shared), fd(fd) {}
 
     // Waits for each enabled direction that has no wait yet, then looks at the descriptor once:
     // a readiness that came before a wait was queued would otherwise go unseen.
     void watch() {
         armWaits();
-        if (readiness() != 0) postRun();
+        if (readiness() != PA_IO_EVENT_NULL) postRun();
     }
 
-    void armWaits() {
-        if (dead || !descriptor) return;
-        if ((flags & PA_IO_EVENT_INPUT) != 0 && !readWaiting) {
-            readWaiting = true;
-            descriptor->async_wait(boost::asio::posix::descriptor_base::wait_read,
-                                   [event = hold(this)](const boost::system::error_code& error) {
-                                       event->readWaiting = false;
-                                       if (!error) event->run();
-                                   });
-        }
-        if ((flags & PA_IO_EVENT_OUTPUT) != 0 && !writeWaiting) {
-            writeWaiting = true;
-            descriptor->async_wait(boost::asio::posix::descriptor_base::wait_write,
-                                   [event = hold(this)](const boost::system::error_code& error) {
-                                       event->writeWaiting = false;
-                                       if (!error) event->run();
-                                   });
-        }
-    }
+    void armWaits();
+    pa_io_event_flags_t readiness() const;
+    void postRun();
+    void run();
 
-    pa_io_event_flags_t readiness() const {
-        if (flags == PA_IO_EVENT_NULL) return PA_IO_EVENT_NULL;
-        pollfd entry{fd, 0, 0};
-        if ((flags & PA_IO_EVENT_INPUT) != 0) entry.events |= POLLIN;
-        if ((flags & PA_IO_EVENT_OUTPUT) != 0) entry.events |= POLLOUT;
-        if (::poll(&entry, 1, 0) <= 0) return PA_IO_EVENT_NULL;
-        int ready = PA_IO_EVENT_NULL;
-        if ((entry.revents & POLLIN) != 0) ready |= PA_IO_EVENT_INPUT;
-        if ((entry.revents & POLLOUT) != 0) ready |= PA_IO_EVENT_OUTPUT;
-        if ((entry.revents & POLLHUP) != 0) ready |= PA_IO_EVENT_HANGUP;
-        if ((entry.revents & (POLLERR | POLLNVAL)) != 0) ready |= PA_IO_EVENT_ERROR;
-        return static_cast<pa_io_event_flags_t>(ready);
-    }
-
-    void postRun() {
-        if (runPosted || dead || !descriptor) return;
-        runPosted = true;
-        boost::asio::post(descriptor->get_executor(), [event = hold(this)] {
-            event->runPosted = false;
-            event->run();
-        });
-    }
-
-    // One dispatch: the callback when the descriptor is ready, then another look later, since
-    // libpulse may take only part of what is there (level-triggered, as its own loop is).
-    void run() {
-        if (dead || !descriptor) return;
-        armWaits();
-        const pa_io_event_flags_t ready = readiness();
-        if (ready == PA_IO_EVENT_NULL) return;
-        callback(&shared.api, reinterpret_cast<pa_io_event*>(this), fd, ready, userdata);
-        if (!dead) postRun();
-    }
-
-    int fd;
-    pa_io_event_flags_t flags = PA_IO_EVENT_NULL;
-    pa_io_event_cb_t callback = nullptr;
-    void* userdata = nullptr;
-    pa_io_event_destroy_cb_t destroy = nullptr;
+    Shared& shared;
+    const int fd;         // libpulse's descriptor
+    struct stat file {};  // what it referred to when the watch was made
     // On a duplicate of libpulse's descriptor: the reactor may then register it even while
     // libpulse briefly has two events on one descriptor, and closing it never closes libpulse's.
     std::unique_ptr<boost::asio::posix::stream_descriptor> descriptor;
+    IoEvent* event = nullptr;  // the io event using it; none while cached
     bool readWaiting = false;
     bool writeWaiting = false;
     bool runPosted = false;
 };
+
+struct IoEvent final : Event {
+    using Event::Event;
+
+    void detachLocked() override {
+        if (watch) watch->descriptor.reset();
+    }
+
+    int fd = -1;
+    pa_io_event_flags_t flags = PA_IO_EVENT_NULL;
+    pa_io_event_cb_t callback = nullptr;
+    void* userdata = nullptr;
+    pa_io_event_destroy_cb_t destroy = nullptr;
+    std::shared_ptr<Watch> watch;
+};
+
+void Watch::armWaits() {
+    if (event == nullptr || !descriptor) return;
+    if ((event->flags & PA_IO_EVENT_INPUT) != 0 && !readWaiting) {
+        readWaiting = true;
+        descriptor->async_wait(
+            boost::asio::posix::descriptor_base::wait_read,
+            [watch = shared_from_this()](const boost::system::error_code& error) {
+                watch->readWaiting = false;
+                if (!error) watch->run();
+            });
+    }
+    if ((event->flags & PA_IO_EVENT_OUTPUT) != 0 && !writeWaiting) {
+        writeWaiting = true;
+        descriptor->async_wait(
+            boost::asio::posix::descriptor_base::wait_write,
+            [watch = shared_from_this()](const boost::system::error_code& error) {
+                watch->writeWaiting = false;
+                if (!error) watch->run();
+            });
+    }
+}
+
+pa_io_event_flags_t Watch::readiness() const {
+    if (event == nullptr || event->flags == PA_IO_EVENT_NULL) return PA_IO_EVENT_NULL;
+    pollfd entry{fd, 0, 0};
+    if ((event->flags & PA_IO_EVENT_INPUT) != 0) entry.events |= POLLIN;
+    if ((event->flags & PA_IO_EVENT_OUTPUT) != 0) entry.events |= POLLOUT;
+    if (::poll(&entry, 1, 0) <= 0) return PA_IO_EVENT_NULL;
+    int ready = PA_IO_EVENT_NULL;
+    if ((entry.revents & POLLIN) != 0) ready |= PA_IO_EVENT_INPUT;
+    if ((entry.revents & POLLOUT) != 0) ready |= PA_IO_EVENT_OUTPUT;
+    if ((entry.revents & POLLHUP) != 0) ready |= PA_IO_EVENT_HANGUP;
+    if ((entry.revents & (POLLERR | POLLNVAL)) != 0) ready |= PA_IO_EVENT_ERROR;
+    return static_cast<pa_io_event_flags_t>(ready);
+}
+
+void Watch::postRun() {
+    if (runPosted || event == nullptr || !descriptor) return;
+    runPosted = true;
+    boost::asio::post(descriptor->get_executor(), [watch = shared_from_this()] {
+        watch->runPosted = false;
+        watch->run();
+    });
+}
+
+// One dispatch: the callback when the descriptor is ready, then another look later, since
+// libpulse may take only part of what is there (level-triggered, as its own loop is).
+void Watch::run() {
+    if (event == nullptr || !descriptor) return;
+    armWaits();
+    const pa_io_event_flags_t ready = readiness();
+    if (ready == PA_IO_EVENT_NULL) return;
+    IoEvent* current = event;
+    current->callback(&shared.api, reinterpret_cast<pa_io_event*>(current), fd, ready,
+                      current->userdata);
+    // The callback may have freed the event, and made another on this descriptor.
+    postRun();
+}
 
 std::chrono::steady_clock::time_point deadlineOf(const struct timeval& when) {
     struct timeval plain = when;
@@ -237,44 +284,55 @@ Shared& sharedOf(pa_mainloop_api* api) {
 pa_io_event* ioNew(pa_mainloop_api* api, int fd, pa_io_event_flags_t flags,
                    pa_io_event_cb_t callback, void* userdata) {
     Shared& shared = sharedOf(api);
-    auto event = std::make_shared<IoEvent>(shared, fd);
+    std::unique_ptr<IoEvent> made;
+    if (!shared.spareIoEvents.empty()) {
+        made = std::move(shared.spareIoEvents.back());
+        shared.spareIoEvents.pop_back();
+    } else {
+        made = std::make_unique<IoEvent>(shared);
+    }
+    IoEvent* event = made.release();
+    event->dead = false;
+    event->fd = fd;
     event->flags = flags;
     event->callback = callback;
     event->userdata = userdata;
+    event->destroy = nullptr;
+    event->watch = shared.takeWatch(fd);
+    event->watch->event = event;
     {
         std::lock_guard lock(shared.mutex);
-        if (shared.context != nullptr) {
-            const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
-            if (duplicate >= 0) {
-                event->descriptor =
-                    std::make_unique<boost::asio::posix::stream_descriptor>(*shared.context);
-                boost::system::error_code error;
-                event->descriptor->assign(duplicate, error);
-                if (error) {
-                    ::close(duplicate);
-                    event->descriptor.reset();
-                }
-            }
-        }
+        shared.events.push_back(event);
     }
-    registerEvent(event);
-    event->watch();
-    return reinterpret_cast<pa_io_event*>(event.get());
+    event->watch->watch();
+    return reinterpret_cast<pa_io_event*>(event);
 }
 
 void ioEnable(pa_io_event* handle, pa_io_event_flags_t flags) {
     auto* event = reinterpret_cast<IoEvent*>(handle);
     if (event->flags == flags) return;
     event->flags = flags;
-    event->watch();
+    event->watch->watch();
 }
 
 void ioFree(pa_io_event* handle) {
     auto* event = reinterpret_cast<IoEvent*>(handle);
+    Shared& shared = event->shared;
     if (event->destroy != nullptr) {
-        event->destroy(&event->shared.api, handle, event->userdata);
+        event->destroy(&shared.api, handle, event->userdata);
     }
-    release(event);
+    event->dead = true;
+    std::shared_ptr<Watch> watch = std::move(event->watch);
+    watch->event = nullptr;
+    {
+        std::lock_guard lock(shared.mutex);
+        std::erase(shared.events, event);
+    }
+    std::unique_ptr<IoEvent> spare(event);
+    if (shared.spareIoEvents.size() < shared.spareIoEvents.capacity()) {
+        shared.spareIoEvents.push_back(std::move(spare));
+    }
+    shared.cacheWatch(std::move(watch));
 }
 
 void ioSetDestroy(pa_io_event* handle, pa_io_event_destroy_cb_t destroy) {
@@ -386,11 +444,65 @@ class LoopRegistryService final : public boost::asio::execution_context::service
 
 void AsioPulseMainLoop::Shared::detachAllLocked() {
     for (Event* event : events) event->detachLocked();
+    for (const auto& watch : cachedWatches) watch->descriptor.reset();
+    cachedWatches.clear();
     context = nullptr;
+}
+
+std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
+    struct stat file {};
+    const bool known = ::fstat(fd, &file) == 0;
+    for (auto cached = cachedWatches.begin(); cached != cachedWatches.end(); ++cached) {
+        const Watch& watch = **cached;
+        // The same number may by now name another file; only the same file reuses the watch.
+        if (known && watch.fd == fd && watch.file.st_dev == file.st_dev &&
+            watch.file.st_ino == file.st_ino) {
+            std::shared_ptr<Watch> reused = std::move(*cached);
+            cachedWatches.erase(cached);
+            return reused;
+        }
+    }
+    auto watch = std::make_shared<Watch>(*this, fd);
+    watch->file = file;
+    std::lock_guard lock(mutex);
+    if (context == nullptr) return watch;
+    const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0) return watch;
+    watch->descriptor = std::make_unique<boost::asio::posix::stream_descriptor>(*context);
+    boost::system::error_code error;
+    watch->descriptor->assign(duplicate, error);
+    if (error) {
+        ::close(duplicate);
+        watch->descriptor.reset();
+    }
+    return watch;
+}
+
+void AsioPulseMainLoop::Shared::cacheWatch(std::shared_ptr<Watch> watch) {
+    if (!watch->descriptor) return;
+    cachedWatches.push_back(std::move(watch));
+    if (purgePosted) return;
+    std::lock_guard lock(mutex);
+    if (context == nullptr) return;
+    purgePosted = true;
+    boost::asio::post(*context, [weak = weakSelf] {
+        if (auto shared = weak.lock()) {
+            shared->purgePosted = false;
+            shared->purgeCachedWatches();
+        }
+    });
+}
+
+// Closes the duplicates that nothing took up: the file they hold open may be libpulse's closed
+// connection, which the server must see end.
+void AsioPulseMainLoop::Shared::purgeCachedWatches() {
+    for (const auto& watch : cachedWatches) watch->descriptor.reset();
+    cachedWatches.clear();
 }
 
 AsioPulseMainLoop::AsioPulseMainLoop(boost::asio::io_context& context)
     : shared_(std::make_shared<Shared>()) {
+    shared_->weakSelf = shared_;
     {
         // The reactor and the timer service first, so that the registry, made after them, is shut
         // down before them.
@@ -423,9 +535,15 @@ AsioPulseMainLoop::~AsioPulseMainLoop() {
         for (Event* event : shared_->events) {
             event->dead = true;
             event->detachLocked();
-            left.push_back(std::move(event->self));
+            if (auto* io = dynamic_cast<IoEvent*>(event)) {
+                io->watch->event = nullptr;
+                delete io;
+            } else {
+                left.push_back(std::move(event->self));
+            }
         }
         shared_->events.clear();
+        shared_->purgeCachedWatches();
     }
 }
 
