@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # What streaming costs the headless helper next to parec, on a private sound server with a tone
-# playing: CPU share of one core, resident memory (largest seen) and context switches per second
-# (voluntary + involuntary, i.e. wake-ups), each measured over the same span. The helper streams
+# playing: CPU share of one core, resident memory (largest seen), wake-ups per second (voluntary
+# context switches: a thread went to sleep and was woken) and, apart, involuntary ones (preemption,
+# a sign of a loaded machine), summed over the process's threads and measured over the same span. The helper streams
 # to one page stand-in (`velmora-audio-helper listen`); parec records the same monitor at 48 kHz
 # stereo float with 10 ms fragments. The two run one after the other, so the sound server's own
 # CPU is measured while it serves each alone. Figures, not a pass/fail test.
@@ -85,7 +86,7 @@ cpu_ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
 # Summed over the process's threads (a process's own status counts its main thread only).
 switches() {
     cat /proc/"$1"/task/*/status 2>/dev/null |
-        awk '/^(voluntary|nonvoluntary)_ctxt_switches/ {sum += $2} END {print sum}'
+        awk -v kind="^$2_ctxt_switches" '$0 ~ kind {sum += $2} END {print sum}'
 }
 rss_kb() { awk '/^VmRSS/ {print $2}' "/proc/$1/status"; }
 servers_ticks() {
@@ -98,18 +99,20 @@ servers_ticks() {
 measure() {
     local name=$1 pid=$2
     sleep 2
-    local t0 s0 v0 w0 peak=0
-    t0=$(cpu_ticks "$pid"); s0=$(servers_ticks); v0=$(switches "$pid"); w0=$(date +%s.%N)
+    local t0 s0 v0 n0 w0 peak=0
+    t0=$(cpu_ticks "$pid"); s0=$(servers_ticks); w0=$(date +%s.%N)
+    v0=$(switches "$pid" voluntary); n0=$(switches "$pid" nonvoluntary)
     for _ in $(seq "$seconds"); do
         sleep 1
         local rss; rss=$(rss_kb "$pid"); ((rss > peak)) && peak=$rss
     done
-    local t1 s1 v1 w1
-    t1=$(cpu_ticks "$pid"); s1=$(servers_ticks); v1=$(switches "$pid"); w1=$(date +%s.%N)
+    local t1 s1 v1 n1 w1
+    t1=$(cpu_ticks "$pid"); s1=$(servers_ticks); w1=$(date +%s.%N)
+    v1=$(switches "$pid" voluntary); n1=$(switches "$pid" nonvoluntary)
     awk -v n="$name" -v t="$((t1 - t0))" -v s="$((s1 - s0))" -v v="$((v1 - v0))" \
-        -v w="$(echo "$w1 - $w0" | bc)" -v hz="$ticks" -v rss="$peak" \
-        'BEGIN {printf "%-34s cpu %6.2f %%  rss %6.1f MB  wake-ups %6.1f /s  server cpu %6.2f %%\n",
-                n, 100 * t / hz / w, rss / 1024, v / w, 100 * s / hz / w}'
+        -v i="$((n1 - n0))" -v w="$(echo "$w1 - $w0" | bc)" -v hz="$ticks" -v rss="$peak" \
+        'BEGIN {printf "%-30s cpu %5.2f %%  rss %5.1f MB  wake-ups %6.1f /s  preempted %5.1f /s  server cpu %5.2f %%\n",
+                n, 100 * t / hz / w, rss / 1024, v / w, i / w, 100 * s / hz / w}'
 }
 
 port=$(( (RANDOM % 20000) + 30000 ))
