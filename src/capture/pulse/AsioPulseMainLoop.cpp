@@ -100,16 +100,12 @@ void release(Event* event) {
 struct Watch : std::enable_shared_from_this<Watch> {
     Watch(Shared& shared, int fd) : shared(shared), fd(fd) {}
 
-    // Waits for each enabled direction that has no wait yet, then looks at the descriptor once:
-    // a readiness that came before a wait was queued would otherwise go unseen.
-    void watch() {
-        armWaits();
-        if (readiness() != PA_IO_EVENT_NULL) postRun();
-    }
+    // Waits for each enabled direction that has no wait yet. Queuing a wait re-arms the
+    // reactor's edge-triggered registration, so a readiness already present is reported too.
+    void watch() { armWaits(); }
 
     void armWaits();
     pa_io_event_flags_t readiness() const;
-    void postRun();
     void run();
 
     Shared& shared;
@@ -121,7 +117,6 @@ struct Watch : std::enable_shared_from_this<Watch> {
     IoEvent* event = nullptr;  // the io event using it; none while cached
     bool readWaiting = false;
     bool writeWaiting = false;
-    bool runPosted = false;
 };
 
 struct IoEvent final : Event {
@@ -175,27 +170,18 @@ pa_io_event_flags_t Watch::readiness() const {
     return static_cast<pa_io_event_flags_t>(ready);
 }
 
-void Watch::postRun() {
-    if (runPosted || event == nullptr || !descriptor) return;
-    runPosted = true;
-    boost::asio::post(descriptor->get_executor(), [watch = shared_from_this()] {
-        watch->runPosted = false;
-        watch->run();
-    });
-}
-
-// One dispatch: the callback when the descriptor is ready, then another look later, since
-// libpulse may take only part of what is there (level-triggered, as its own loop is).
+// One dispatch: the callback when the descriptor is ready, then a new wait. Data that libpulse
+// left unread is reported again by that wait, so the events are level-triggered, as in
+// libpulse's own loop.
 void Watch::run() {
     if (event == nullptr || !descriptor) return;
-    armWaits();
-    const pa_io_event_flags_t ready = readiness();
-    if (ready == PA_IO_EVENT_NULL) return;
-    IoEvent* current = event;
-    current->callback(&shared.api, reinterpret_cast<pa_io_event*>(current), fd, ready,
-                      current->userdata);
+    if (const pa_io_event_flags_t ready = readiness(); ready != PA_IO_EVENT_NULL) {
+        IoEvent* current = event;
+        current->callback(&shared.api, reinterpret_cast<pa_io_event*>(current), fd, ready,
+                          current->userdata);
+    }
     // The callback may have freed the event, and made another on this descriptor.
-    postRun();
+    armWaits();
 }
 
 std::chrono::steady_clock::time_point deadlineOf(const struct timeval& when) {
