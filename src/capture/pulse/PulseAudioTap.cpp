@@ -4,13 +4,13 @@
 #include <pulse/introspect.h>
 #include <pulse/timeval.h>
 
-#include <cstring>
+#include <mutex>
 #include <thread>
-#include <vector>
 
 #include "capture/CaptureError.h"
 #include "capture/pulse/DefaultSinkWatch.h"
 #include "capture/pulse/PulseContext.h"
+#include "capture/pulse/PulseRecording.h"
 #include "config/AudioKit.h"
 #include "config/SerialQueue.h"
 
@@ -81,19 +81,28 @@ bool awaitOperation(PulseLoop& loop, pa_operation* operation, const bool& done,
 
 }  // namespace
 
-// Where the recorded data goes; outlives the stream through the tasks already posted, which do
-// nothing once the stream that made them is torn down.
-struct PulseAudioTap::Delivery {
-    SerialQueue* queue;
-    InputHandler handler;
-    std::uint32_t channels;
-    std::atomic<bool> live{true};
+// The default-output listener, read by the recording on its own queue when its stream breaks.
+struct PulseAudioTap::Listener {
+    std::mutex mutex;
+    std::function<void()> changed;
+
+    void report() {
+        std::function<void()> call;
+        {
+            std::lock_guard lock(mutex);
+            call = changed;
+        }
+        // Outside the lock: the call may end this tap's owner, and with it this tap.
+        if (call) call();
+    }
 };
 
 PulseAudioTap::PulseAudioTap() : PulseAudioTap(Options()) {}
 
 PulseAudioTap::PulseAudioTap(Options options)
-    : options_(std::move(options)), loop_(std::make_unique<PulseLoop>()) {}
+    : options_(std::move(options)),
+      loop_(std::make_unique<PulseLoop>()),
+      listener_(std::make_shared<Listener>()) {}
 
 PulseAudioTap::~PulseAudioTap() {
     teardown();
@@ -107,12 +116,10 @@ PulseAudioTap::~PulseAudioTap() {
 }
 
 TapStreamFormat PulseAudioTap::createTap() {
+    stopRecording();
     PulseLoop::Lock lock(*loop_);
-    if (context_ != nullptr) {
-        running_ = false;
-        releaseStream();
-        releasePulseContext(context_);
-    }
+    deviceReady_ = false;
+    releasePulseContext(context_);
     monitorSource_.clear();
     connectContext();
     lookUpSink(askDefaultSinkName());
@@ -183,65 +190,52 @@ void PulseAudioTap::lookUpSink(const std::string& sinkName) {
 }
 
 void PulseAudioTap::createDevice() {
+    stopRecording();
     PulseLoop::Lock lock(*loop_);
+    deviceReady_ = false;
     if (context_ == nullptr || monitorSource_.empty()) {
         throwPulseError(deviceFailure, PA_ERR_BADSTATE);
     }
-    releaseStream();
-    const std::string name = AudioKit::config().appName + " Tap";
-    stream_ = pa_stream_new(context_, name.c_str(), &sampleSpec_, &channelMap_);
-    if (stream_ == nullptr) {
-        throwPulseError(deviceFailure, pa_context_errno(context_));
-    }
-    pa_stream_set_state_callback(stream_, onStreamState, this);
-    pa_stream_set_read_callback(stream_, onRead, this);
-    pa_stream_set_moved_callback(stream_, onStreamMoved, this);
+    deviceReady_ = true;
 }
 
 void PulseAudioTap::startIO(SerialQueue& queue, InputHandler handler) {
-    PulseLoop::Lock lock(*loop_);
-    if (stream_ == nullptr || pa_stream_get_state(stream_) != PA_STREAM_UNCONNECTED) {
-        throwPulseError(attachFailure, PA_ERR_BADSTATE);
+    PulseRecording::Settings settings;
+    {
+        PulseLoop::Lock lock(*loop_);
+        if (!deviceReady_ || recording_) {
+            throwPulseError(attachFailure, PA_ERR_BADSTATE);
+        }
+        settings.server = options_.server;
+        settings.source = monitorSource_;
+        settings.sampleSpec = sampleSpec_;
+        settings.channelMap = channelMap_;
+        settings.streamName = AudioKit::config().appName + " Tap";
+        settings.fragment = options_.fragment;
+        settings.timeout = options_.timeout;
     }
-    // Brace-initialised: clang 14 has no aggregate initialisation from parentheses.
-    delivery_ =
-        std::shared_ptr<Delivery>(new Delivery{&queue, std::move(handler), sampleSpec_.channels});
-
-    pa_buffer_attr attributes;
-    attributes.maxlength = static_cast<std::uint32_t>(-1);
-    attributes.tlength = static_cast<std::uint32_t>(-1);
-    attributes.prebuf = static_cast<std::uint32_t>(-1);
-    attributes.minreq = static_cast<std::uint32_t>(-1);
-    attributes.fragsize = static_cast<std::uint32_t>(pa_usec_to_bytes(
-        static_cast<pa_usec_t>(options_.fragment.count()) * PA_USEC_PER_MSEC, &sampleSpec_));
-    // DONT_MOVE: when the sink goes away the stream fails (and the tap is rebuilt on the new
-    // default) instead of being moved to whatever source the server picks.
-    const auto flags =
-        static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
-    if (pa_stream_connect_record(stream_, monitorSource_.c_str(), &attributes, flags) < 0) {
-        throwPulseError(attachFailure, pa_context_errno(context_));
+    auto recording =
+        std::make_shared<PulseRecording>(queue.context(), std::move(settings), std::move(handler),
+                                         [listener = listener_] { listener->report(); });
+    if (const auto failure = recording->start()) {
+        recording->stop();
+        throwPulseError(failure->attaching ? attachFailure : startFailure, failure->error);
     }
-    const bool settled = loop_->waitUntil(
-        [&] {
-            const auto state = pa_stream_get_state(stream_);
-            return state == PA_STREAM_READY || !PA_STREAM_IS_GOOD(state);
-        },
-        options_.timeout);
-    if (!settled) {
-        throwPulseError(startFailure, PA_ERR_TIMEOUT);
-    }
-    if (pa_stream_get_state(stream_) != PA_STREAM_READY) {
-        throwPulseError(startFailure, pa_context_errno(context_));
-    }
-    running_ = true;
+    recording_ = std::move(recording);
 }
 
 void PulseAudioTap::teardown() {
+    stopRecording();
     PulseLoop::Lock lock(*loop_);
-    running_ = false;
-    releaseStream();
+    deviceReady_ = false;
     releasePulseContext(context_);
     monitorSource_.clear();
+}
+
+void PulseAudioTap::stopRecording() {
+    if (auto recording = std::move(recording_)) {
+        recording->stop();
+    }
 }
 
 bool PulseAudioTap::hasTap() const {
@@ -256,41 +250,12 @@ std::string PulseAudioTap::monitorSourceName() const {
 
 void PulseAudioTap::installDefaultOutputListener(std::function<void()> changed) {
     {
-        PulseLoop::Lock lock(*loop_);
-        changed_ = changed;
+        std::lock_guard lock(listener_->mutex);
+        listener_->changed = changed;
     }
     watch_.reset();
     watch_ = std::make_unique<DefaultSinkWatch>(*loop_, options_.server, std::move(changed));
     watch_->start(options_.timeout);
-}
-
-void PulseAudioTap::releaseStream() {
-    if (delivery_) {
-        delivery_->live = false;
-        delivery_.reset();
-    }
-    if (stream_ == nullptr) {
-        return;
-    }
-    pa_stream_set_state_callback(stream_, nullptr, nullptr);
-    pa_stream_set_read_callback(stream_, nullptr, nullptr);
-    pa_stream_set_moved_callback(stream_, nullptr, nullptr);
-    if (pa_stream_get_state(stream_) != PA_STREAM_UNCONNECTED) {
-        pa_stream_disconnect(stream_);
-    }
-    pa_stream_unref(stream_);
-    stream_ = nullptr;
-}
-
-void PulseAudioTap::reportBroken() {
-    if (!running_) {
-        return;
-    }
-    running_ = false;
-    // A copy: the call may end this tap's owner, and with it this tap.
-    if (const auto changed = changed_) {
-        changed();
-    }
 }
 
 void PulseAudioTap::throwPulseError(const std::string& what, int error) {
@@ -301,58 +266,10 @@ void PulseAudioTap::throwPulseError(const std::string& what, int error) {
                                ").");
 }
 
-void PulseAudioTap::onContextState(pa_context* context, void* userdata) {
-    auto* tap = static_cast<PulseAudioTap*>(userdata);
-    tap->loop_->signal();
-    if (!PA_CONTEXT_IS_GOOD(pa_context_get_state(context))) {
-        tap->reportBroken();
-    }
-}
-
-void PulseAudioTap::onStreamState(pa_stream* stream, void* userdata) {
-    auto* tap = static_cast<PulseAudioTap*>(userdata);
-    tap->loop_->signal();
-    if (!PA_STREAM_IS_GOOD(pa_stream_get_state(stream))) {
-        tap->reportBroken();
-    }
-}
-
-void PulseAudioTap::onStreamMoved(pa_stream*, void* userdata) {
-    static_cast<PulseAudioTap*>(userdata)->reportBroken();
-}
-
-void PulseAudioTap::onRead(pa_stream* stream, std::size_t, void* userdata) {
-    auto* tap = static_cast<PulseAudioTap*>(userdata);
-    const std::shared_ptr<Delivery> delivery = tap->delivery_;
-    while (true) {
-        const std::size_t readable = pa_stream_readable_size(stream);
-        if (readable == static_cast<std::size_t>(-1) || readable == 0) {
-            return;
-        }
-        const void* data = nullptr;
-        std::size_t bytes = 0;
-        if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0) {
-            return;
-        }
-        // A hole (no data for `bytes`) becomes silence, so the timeline stays whole.
-        std::vector<float> samples(bytes / sizeof(float), 0.0f);
-        if (data != nullptr) {
-            std::memcpy(samples.data(), data, samples.size() * sizeof(float));
-        }
-        pa_stream_drop(stream);
-        if (!delivery) {
-            continue;
-        }
-        delivery->queue->post([delivery, samples = std::move(samples)] {
-            if (!delivery->live) {
-                return;
-            }
-            const InputBuffer buffer{delivery->channels,
-                                     static_cast<std::uint32_t>(samples.size() * sizeof(float)),
-                                     samples.data()};
-            delivery->handler(InputBufferList{std::span<const InputBuffer>(&buffer, 1)});
-        });
-    }
+void PulseAudioTap::onContextState(pa_context*, void* userdata) {
+    // A broken lookup connection fails the step waiting on it; a broken stream is reported by
+    // the recording.
+    static_cast<PulseAudioTap*>(userdata)->loop_->signal();
 }
 
 }  // namespace velmora

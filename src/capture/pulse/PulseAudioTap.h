@@ -5,7 +5,6 @@
 #include <pulse/sample.h>
 #include <pulse/stream.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -18,16 +17,19 @@
 namespace velmora {
 
 class DefaultSinkWatch;
+class PulseRecording;
 
 // The system audio tap on a PulseAudio-protocol sound server (PulseAudio itself, or PipeWire's
 // pulse server): records the monitor of the server's default sink as interleaved float32 at the
 // sink's own rate and channel count.
 //
-// One threaded main loop serves everything. Each tap connects a context of its own (created by
-// createTap, released by teardown); the default-sink watch keeps a separate context for the
-// tap's whole life, so news of changes keeps coming while no tap exists and across rebuilds.
-// Every wait on the server is bounded by `timeout`, so a hung server fails a step instead of
-// blocking the caller.
+// Looking up the sink and watching the default run on a threaded main loop, which sleeps while
+// nothing changes: each tap connects a context of its own there (created by createTap, released
+// by teardown), and the default-sink watch keeps a separate context for the tap's whole life, so
+// news of changes keeps coming while no tap exists and across rebuilds. The record stream runs
+// on a connection of its own on the queue given to startIO, so that each fragment costs one
+// wake-up of that queue and nothing else. Every wait on the server is bounded by `timeout`, so a
+// hung server fails a step instead of blocking the caller.
 class PulseAudioTap final : public AudioTap {
   public:
     struct Options {
@@ -57,33 +59,32 @@ class PulseAudioTap final : public AudioTap {
     std::string monitorSourceName() const;
 
   private:
-    struct Delivery;
+    struct Listener;
 
     static void onContextState(pa_context* context, void* userdata);
-    static void onStreamState(pa_stream* stream, void* userdata);
-    static void onStreamMoved(pa_stream* stream, void* userdata);
-    static void onRead(pa_stream* stream, std::size_t bytes, void* userdata);
 
     [[noreturn]] void throwPulseError(const std::string& what, int error);
     // These run with the loop's lock held (or on the loop thread).
     void connectContext();
     std::string askDefaultSinkName();
     void lookUpSink(const std::string& sinkName);
-    void releaseStream();
-    void reportBroken();
+    void stopRecording();
 
     Options options_;
     std::unique_ptr<PulseLoop> loop_;
 
     // Guarded by the loop's lock.
     pa_context* context_ = nullptr;
-    pa_stream* stream_ = nullptr;
     pa_sample_spec sampleSpec_{};
     pa_channel_map channelMap_{};
     std::string monitorSource_;
-    bool running_ = false;  // a running stream or context that breaks is reported
-    std::shared_ptr<Delivery> delivery_;
-    std::function<void()> changed_;
+    bool deviceReady_ = false;
+
+    // On the caller's thread.
+    std::shared_ptr<PulseRecording> recording_;
+    // Told when the running stream breaks; shared with the recording, which calls it on its
+    // queue.
+    std::shared_ptr<Listener> listener_;
 
     std::unique_ptr<DefaultSinkWatch> watch_;
 };

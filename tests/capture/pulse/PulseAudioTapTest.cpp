@@ -189,6 +189,35 @@ TEST_P(PulseAudioTapTest, NothingReachesTheHandlerAfterTeardownReturns) {
     EXPECT_EQ(received_.violations(), 0);
 }
 
+TEST_P(PulseAudioTapTest, TeardownAfterItsQueueIsGoneStillEndsTheStream) {
+    auto tone = server_->playTone(SoundServer::speakers, 1000, 20);
+    auto queue = std::make_unique<SerialQueue>("com.velmora.audiohelper.capture");
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(*queue, received_.handler(*queue));
+    ASSERT_TRUE(received_.waitForLoudSamples(480, 0.1f, 10000ms));
+    received_.markTornDown();
+    queue.reset();
+    tap_->teardown();
+    EXPECT_FALSE(tap_->hasTap());
+    // The server sees the record stream go: its connection was closed, not left behind.
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    std::string outputs = "?";
+    while (!outputs.empty() && std::chrono::steady_clock::now() < deadline) {
+        const auto listed = server_->run({"pactl", "list", "short", "source-outputs"});
+        ASSERT_TRUE(listed.succeeded()) << listed.output;
+        outputs = listed.output;
+        if (!outputs.empty()) std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(outputs, "");
+    // And the tap starts again on another queue.
+    tap_->createTap();
+    tap_->createDevice();
+    tap_->startIO(queue_, [](const InputBufferList&) {});
+    tap_->teardown();
+    EXPECT_EQ(received_.violations(), 0);
+}
+
 TEST_P(PulseAudioTapTest, TeardownWithNothingToDestroyIsHarmless) {
     tap_->teardown();
     tap_->teardown();
