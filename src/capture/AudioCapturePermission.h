@@ -8,7 +8,7 @@ namespace velmora {
 
 // The operating system's permission to record system audio.
 class AudioCapturePermission {
-public:
+  public:
     enum class Status { authorized, denied, unknown };
 
     static std::string_view rawValue(Status status);

@@ -14,7 +14,7 @@ class SerialQueue;
 // operation throws CaptureError with the message the capture's users see. All calls but the
 // listener come from one thread at a time (the server's queue).
 class AudioTap {
-public:
+  public:
     using InputHandler = std::function<void(const InputBufferList&)>;
 
     virtual ~AudioTap() = default;

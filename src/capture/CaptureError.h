@@ -8,7 +8,7 @@ namespace velmora {
 
 // Why capture could not start: a device failure with its own text, or refused permission.
 class CaptureError : public std::exception {
-public:
+  public:
     enum class Kind { device, permissionDenied };
 
     static CaptureError device(std::string message);
@@ -25,7 +25,7 @@ public:
         return kind_ == other.kind_ && detail_ == other.detail_;
     }
 
-private:
+  private:
     CaptureError(Kind kind, std::string detail);
 
     Kind kind_;

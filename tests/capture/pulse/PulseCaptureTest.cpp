@@ -9,11 +9,11 @@
 
 #include "capture/CaptureError.h"
 #include "capture/SystemAudioCapture.h"
-#include "support/CaptureLog.h"
 #include "capture/pulse/FrameRecorder.h"
 #include "capture/pulse/PulseAudioTap.h"
 #include "capture/pulse/SoundServerKinds.h"
 #include "config/SerialQueue.h"
+#include "support/CaptureLog.h"
 #include "support/SoundServer.h"
 
 namespace velmora {
