@@ -381,7 +381,8 @@ TEST_F(TrayOverDBusTest, WithNeitherTrayTheStatusShowsInAWindow) {
     ASSERT_TRUE(waitUntil([&] {
         windows = runOnDisplay("xdotool search --onlyvisible --name '^Velmora Audio Helper$'");
         return !windows.empty() && helperLog().find("Listening on") != std::string::npos;
-    })) << helperLog();
+    })) << helperLog()
+        << "\nXvfb: " << desktop_->readLog("xvfb");
     EXPECT_NE(helperLog().find("No system tray is available on this desktop"), std::string::npos)
         << helperLog();
     std::string window = windows.substr(0, windows.find('\n'));
@@ -399,7 +400,9 @@ TEST_F(TrayOverDBusTest, HeadlessAndCommandsNeverLoadQtPluginsEvenWithADisplay) 
         << helperLog();
     std::ifstream mapsFile("/proc/" + std::to_string(helper_->pid()) + "/maps");
     std::string maps((std::istreambuf_iterator<char>(mapsFile)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(maps.find("qt6/plugins"), std::string::npos);
+    // Not even the libraries: the tray and Qt are a module that only the tray loads.
+    EXPECT_EQ(maps.find("libQt6"), std::string::npos);
+    EXPECT_EQ(maps.find("velmora-tray.so"), std::string::npos);
     EXPECT_TRUE(watcher_.itemService().isEmpty());
     EXPECT_EQ(runOnDisplay("xdotool search --onlyvisible --name '^Velmora Audio Helper$'"), "");
     ::kill(helper_->pid(), SIGTERM);
@@ -412,6 +415,27 @@ TEST_F(TrayOverDBusTest, HeadlessAndCommandsNeverLoadQtPluginsEvenWithADisplay) 
     std::string output = desktop_->readLog("settings");
     EXPECT_NE(output.find("port"), std::string::npos) << output;
     EXPECT_EQ(output.find("qt.core.plugin"), std::string::npos) << output;
+}
+
+TEST_F(TrayOverDBusTest, WithoutItsTrayModuleTheHelperSaysWhyAndServesHeadless) {
+    // A copy of the program that lost its module, as a half-copied portable folder would be.
+    std::filesystem::path lonely = desktop_->folder() / "lonely" / "bin";
+    std::filesystem::create_directories(lonely);
+    std::filesystem::copy_file(VELMORA_HELPER_EXECUTABLE, lonely / "velmora-audio-helper");
+    registerWatcher();
+    helper_ = desktop_->launch({(lonely / "velmora-audio-helper").string(), "--no-install"},
+                               sound_->environment(), "helper");
+    ASSERT_TRUE(waitUntil([&] { return helperLog().find("Listening on") != std::string::npos; }))
+        << helperLog();
+    EXPECT_NE(helperLog().find("velmora-audio-helper: the tray could not be loaded: no "
+                               "velmora-tray.so beside the program or in"),
+              std::string::npos)
+        << helperLog();
+    EXPECT_NE(helperLog().find("velmora-audio-helper: running headless instead"), std::string::npos)
+        << helperLog();
+    EXPECT_TRUE(watcher_.itemService().isEmpty());
+    ::kill(helper_->pid(), SIGTERM);
+    EXPECT_EQ(helper_->waitFor(30s), 0) << helperLog();
 }
 
 }  // namespace

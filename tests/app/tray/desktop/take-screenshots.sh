@@ -16,7 +16,7 @@ trap cleanup EXIT
 
 display=$((300 + $$ % 600))
 while [ -e "/tmp/.X$display-lock" ]; do display=$((display + 1)); done
-Xvfb ":$display" -nolisten tcp -screen 0 1024x768x24 >"$work/xvfb.log" 2>&1 &
+Xvfb ":$display" -nolisten tcp -noreset -screen 0 1024x768x24 >"$work/xvfb.log" 2>&1 &
 pids+=($!)
 mkdir -m 700 "$work/runtime"
 cat >"$work/default.pa" <<PA

@@ -1,0 +1,46 @@
+#include "app/TrayModule.h"
+
+#include <dlfcn.h>
+
+#include <ostream>
+#include <system_error>
+
+namespace velmora::TrayModule {
+
+std::vector<std::filesystem::path> candidates(const std::filesystem::path& executable) {
+    std::filesystem::path folder = executable.parent_path();
+    return {folder / fileName, folder.parent_path() / "lib" / "velmora-audio-helper" / fileName};
+}
+
+std::optional<int> run(int argc, char** argv, std::ostream& err) {
+    std::error_code error;
+    std::filesystem::path executable = std::filesystem::canonical("/proc/self/exe", error);
+    if (error) {
+        err << "velmora-audio-helper: the tray could not be loaded: the program's own path is "
+               "unknown ("
+            << error.message() << ")\n";
+        return std::nullopt;
+    }
+    std::string lastProblem =
+        "no " + std::string(fileName) + " beside the program or in " +
+        (executable.parent_path().parent_path() / "lib" / "velmora-audio-helper").string();
+    for (const std::filesystem::path& candidate : candidates(executable)) {
+        if (!std::filesystem::exists(candidate, error)) continue;
+        // Never closed: the tray's code runs until the process exits.
+        void* handle = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) {
+            lastProblem = ::dlerror();
+            continue;
+        }
+        auto entry = reinterpret_cast<int (*)(int, char**)>(::dlsym(handle, entryPoint));
+        if (entry == nullptr) {
+            lastProblem = candidate.string() + " has no " + entryPoint;
+            continue;
+        }
+        return entry(argc, argv);
+    }
+    err << "velmora-audio-helper: the tray could not be loaded: " << lastProblem << "\n";
+    return std::nullopt;
+}
+
+}  // namespace velmora::TrayModule
