@@ -76,6 +76,9 @@ AppDelegate::AppDelegate(Services services) : services_(std::move(services)) {}
 
 AppDelegate::~AppDelegate() {
     services_.server->setOnStatus(nullptr);
+    // Clearing while the menu is whole lets it free the panel's copies of its rows; once its
+    // destructor has begun, removing a row no longer reaches the code that frees them.
+    menu_.clear();
 }
 
 bool AppDelegate::applicationDidFinishLaunching() {
