@@ -1,59 +1,9 @@
-// Counts heap allocations made on the capture queue while callbacks run. The replacement
-// operators below serve the whole test program; they only count on a thread that asked to.
+// Counts heap allocations made on the capture queue while callbacks run.
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <new>
-
 #include "capture/PipelineTestFixture.h"
-
-namespace {
-
-thread_local bool countingAllocations = false;
-thread_local std::size_t allocationCount = 0;
-
-void* allocate(std::size_t size) {
-    if (countingAllocations) ++allocationCount;
-    if (size == 0) size = 1;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocate(size);
-}
-void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (countingAllocations) ++allocationCount;
-    return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    if (countingAllocations) ++allocationCount;
-    return std::malloc(size == 0 ? 1 : size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
+#include "support/AllocationCounter.h"
 
 namespace velmora::testing {
 namespace {
@@ -82,13 +32,11 @@ class FramePipelineAllocationTest : public PipelineTestFixture {
                 });
             }
             const InputBufferList bufferList{.buffers = list};
-            allocationCount = 0;
-            countingAllocations = true;
+            AllocationCounter::start();
             for (int callback = 0; callback < callbacks; ++callback) {
                 pipeline->handleInput(bufferList);
             }
-            countingAllocations = false;
-            return allocationCount;
+            return AllocationCounter::stop();
         });
     }
 

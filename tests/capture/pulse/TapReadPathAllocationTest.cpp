@@ -1,68 +1,19 @@
 // Counts heap allocations made on the capture queue while a real sound server streams to the
 // tap: reading each fragment, down-mixing, resampling and framing must allocate nothing but the
-// frames themselves. The replacement operators below serve the whole test program; they only
-// count on a thread that asked to.
+// frames themselves.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <condition_variable>
-#include <cstdlib>
 #include <mutex>
-#include <new>
 
 #include "capture/SystemAudioCapture.h"
 #include "capture/pulse/PulseAudioTap.h"
 #include "capture/pulse/SoundServerKinds.h"
 #include "config/SerialQueue.h"
+#include "support/AllocationCounter.h"
 #include "support/SoundServer.h"
-
-namespace {
-
-thread_local bool countingAllocations = false;
-thread_local std::size_t allocationCount = 0;
-
-void* allocate(std::size_t size) {
-    if (countingAllocations) ++allocationCount;
-    if (size == 0) size = 1;
-    if (void* memory = std::malloc(size)) return memory;
-    throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-    return allocate(size);
-}
-void* operator new[](std::size_t size) {
-    return allocate(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (countingAllocations) ++allocationCount;
-    return std::malloc(size == 0 ? 1 : size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    if (countingAllocations) ++allocationCount;
-    return std::malloc(size == 0 ? 1 : size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    std::free(memory);
-}
 
 namespace velmora {
 namespace {
@@ -96,12 +47,11 @@ TEST_P(TapReadPathAllocationTest, StreamingAllocatesOnlyTheFramesOnTheCaptureQue
     capture->setOnFrame([&](SystemAudioCapture::Frame) {
         ++frames;
         if (frames == warmUpFrames) {
-            allocationCount = 0;
-            countingAllocations = true;
+            testing::AllocationCounter::start();
         } else if (frames == warmUpFrames + countedFrames) {
-            countingAllocations = false;
+            std::size_t seen = testing::AllocationCounter::stop();
             std::lock_guard lock(mutex);
-            allocations = allocationCount;
+            allocations = seen;
             done = true;
             counted.notify_all();
         }
