@@ -9,11 +9,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <numbers>
 #include <optional>
 #include <string>
@@ -29,6 +27,7 @@
 #include "config/SerialQueue.h"
 #include "meetings/pulse/PulseMicrophoneUsers.h"
 #include "server/HelperServer.h"
+#include "server/ServerStart.h"
 #include "server/TestPage.h"
 #include "support/CaptureLog.h"
 #include "support/FreePort.h"
@@ -224,16 +223,7 @@ class HelperOverPulseTest : public ::testing::TestWithParam<Kind> {
             std::make_shared<PulseMicrophoneUsers>(
                 PulseMicrophoneUsers::Options{.serverAddress = sound_->serverAddress()}),
             mainQueue_, shortTimings(), {signer_.verificationKey()});
-        server_->setOnStatus([this](const HelperStatus& status) {
-            {
-                std::lock_guard lock(mutex_);
-                listening_ = status.server == ServerState::listening();
-            }
-            changed_.notify_all();
-        });
-        server_->start();
-        std::unique_lock lock(mutex_);
-        ASSERT_TRUE(changed_.wait_for(lock, patience, [this] { return listening_; }))
+        ASSERT_TRUE(testing::startAndWaitUntilListening(*server_, patience))
             << "the helper does not listen on port " << port_;
     }
 
@@ -345,10 +335,6 @@ class HelperOverPulseTest : public ::testing::TestWithParam<Kind> {
     PageNetwork network_;
     std::uint16_t port_ = freePort();
     std::shared_ptr<HelperServer> server_;
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool listening_ = false;
 };
 
 TEST_P(HelperOverPulseTest, ToneReachesThePageAsOneKilohertzInTenFramesOfSixteenKilohertzASecond) {

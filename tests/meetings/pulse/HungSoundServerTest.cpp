@@ -5,9 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -18,6 +16,7 @@
 #include "config/SerialQueue.h"
 #include "meetings/pulse/PulseMicrophoneUsers.h"
 #include "server/HelperServer.h"
+#include "server/ServerStart.h"
 #include "server/TestPage.h"
 #include "support/FakeAudioTap.h"
 #include "support/FakeCapturePermission.h"
@@ -86,16 +85,7 @@ class HungSoundServerTest : public ::testing::TestWithParam<Kind> {
         server_ =
             HelperServer::create(std::make_unique<testing::FakeAudioTap>(tap_), permission_, users_,
                                  mainQueue_, HelperServerTimings{}, {signer_.verificationKey()});
-        server_->setOnStatus([this](const HelperStatus& status) {
-            {
-                std::lock_guard lock(mutex_);
-                listening_ = status.server == ServerState::listening();
-            }
-            changed_.notify_all();
-        });
-        server_->start();
-        std::unique_lock lock(mutex_);
-        ASSERT_TRUE(changed_.wait_for(lock, patience, [this] { return listening_; }))
+        ASSERT_TRUE(testing::startAndWaitUntilListening(*server_, patience))
             << "the helper does not listen on port " << port_;
     }
 
@@ -145,9 +135,6 @@ class HungSoundServerTest : public ::testing::TestWithParam<Kind> {
     PassSigner signer_ = PassSigner::generate();
     std::shared_ptr<HelperServer> server_;
     std::uint16_t port_ = testing::freePort();
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool listening_ = false;
 };
 
 TEST_P(HungSoundServerTest, MicrophoneUsersAreWatchedOnlyWhileAPageStreams) {
