@@ -44,6 +44,24 @@ struct MenuRow {
     bool visible() const { return properties.value("visible", true).toBool(); }
 };
 
+// An icon's pixmaps as the item sends them (width, height, ARGB bytes), one text per pixmap.
+QByteArrayList readPixmaps(const QDBusArgument& argument) {
+    QByteArrayList pixmaps;
+    argument.beginArray();
+    while (!argument.atEnd()) {
+        int width = 0;
+        int height = 0;
+        QByteArray pixels;
+        argument.beginStructure();
+        argument >> width >> height >> pixels;
+        argument.endStructure();
+        pixmaps.append(QByteArray::number(width) + "x" + QByteArray::number(height) + ":" +
+                       pixels.toHex());
+    }
+    argument.endArray();
+    return pixmaps;
+}
+
 // Keeps the test's own D-Bus objects answering while it waits.
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 30s) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -172,17 +190,7 @@ class TrayOverDBusTest : public ::testing::Test {
         const QDBusArgument argument = value.value<QDBusArgument>();
         argument.beginStructure();
         argument >> toolTip.iconName;
-        argument.beginArray();
-        while (!argument.atEnd()) {
-            int width = 0;
-            int height = 0;
-            QByteArray pixels;
-            argument.beginStructure();
-            argument >> width >> height >> pixels;
-            argument.endStructure();
-            ++toolTip.pixmapCount;
-        }
-        argument.endArray();
+        toolTip.pixmapCount = static_cast<int>(readPixmaps(argument).size());
         QString description;
         argument >> toolTip.title >> description;
         argument.endStructure();
@@ -194,19 +202,7 @@ class TrayOverDBusTest : public ::testing::Test {
         QByteArray seen = itemProperty("IconName").toString().toUtf8() + "|";
         QVariant pixmaps = itemProperty("IconPixmap");
         if (pixmaps.canConvert<QDBusArgument>()) {
-            const QDBusArgument argument = pixmaps.value<QDBusArgument>();
-            argument.beginArray();
-            while (!argument.atEnd()) {
-                int width = 0;
-                int height = 0;
-                QByteArray pixels;
-                argument.beginStructure();
-                argument >> width >> height >> pixels;
-                argument.endStructure();
-                seen += QByteArray::number(width) + "x" + QByteArray::number(height) + ":" +
-                        pixels.toHex();
-            }
-            argument.endArray();
+            seen += readPixmaps(pixmaps.value<QDBusArgument>()).join();
         }
         return seen;
     }
