@@ -46,7 +46,8 @@ fi
 
 if [ "$full" -eq 1 ]; then
     run_preset asan
-    # The threaded parts: queues, capture, server, the sound-server tests and the WebSocket stack.
+    # The threaded parts: queues, capture, server, the sound-server tests and the WebSocket stack
+    # (the preset builds without the tray: Qt is not among them).
     run_preset tsan config_tests capture_tests server_tests capture_pulse_tests \
         meetings_pulse_tests conformance_tests ws-conformance-server
 

@@ -5,6 +5,7 @@
 //   streaming-probe clicks FILE COUNT        silence with COUNT clicks 450 to 750 ms apart
 //   streaming-probe monitor                  reads parec's 48 kHz stereo float32 on stdin
 //   streaming-probe page PORT SECONDS [KEY]  streams from the helper as a page
+//   streaming-probe hold PORT SECONDS        stays connected as a page that never starts
 // monitor and page print one line per click heard: "click <monotonic seconds>"; page then prints
 // "frames <count> longest-gap-ms <ms>".
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -48,7 +50,7 @@ double monotonicSeconds(Clock::time_point time) {
 
 int usage() {
     std::cerr << "usage: streaming-probe tone FILE SECONDS | clicks FILE COUNT | monitor | "
-                 "page PORT SECONDS [KEY]\n";
+                 "page PORT SECONDS [KEY] | hold PORT SECONDS\n";
     return 2;
 }
 
@@ -203,6 +205,41 @@ int streamAsPage(int port, double seconds, const std::string& keyFile) {
     return 0;
 }
 
+// Connects as an allowed page and stays without starting, answering the helper's keep-alive pings
+// while it reads; fails when the helper closes the connection first.
+int holdAsPage(int port, double seconds) {
+    const std::string origin = velmora::HelperInfo::builtInOrigins().front();
+    boost::asio::io_context context;
+    websocket::stream<boost::asio::ip::tcp::socket> socket(context);
+    socket.next_layer().connect(
+        {boost::asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
+    socket.set_option(websocket::stream_base::decorator([&](websocket::request_type& request) {
+        request.set(beast::http::field::origin, origin);
+    }));
+    socket.handshake("127.0.0.1:" + std::to_string(port), "/");
+    beast::flat_buffer buffer;
+    std::optional<std::string> closed;
+    std::function<void()> readNext = [&] {
+        socket.async_read(buffer, [&](beast::error_code error, std::size_t) {
+            if (error) {
+                closed = error.message();
+                return;
+            }
+            buffer.clear();
+            readNext();
+        });
+    };
+    readNext();
+    context.run_for(
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds)));
+    if (closed) {
+        std::cerr << "streaming-probe: the helper ended the idle page's connection: " << *closed
+                  << "\n";
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -216,6 +253,9 @@ int main(int argc, char** argv) {
         }
         if (args.size() == 1 && args[0] == "monitor") {
             return readMonitor();
+        }
+        if (args.size() == 3 && args[0] == "hold") {
+            return holdAsPage(std::stoi(args[1]), std::stod(args[2]));
         }
         if ((args.size() == 3 || args.size() == 4) && args[0] == "page") {
             return streamAsPage(std::stoi(args[1]), std::stod(args[2]),

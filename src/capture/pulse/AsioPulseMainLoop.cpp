@@ -38,24 +38,25 @@ struct AsioPulseMainLoop::Shared {
 
     pa_mainloop_api api{};
     std::weak_ptr<Shared> weakSelf;
-    // Guards `context` and `events` against the io_context ending on another thread.
+    // Guards `context`, `events` and the cached watches against the io_context ending, or the
+    // loop being destroyed, on another thread.
     std::mutex mutex;
     boost::asio::io_context* context = nullptr;  // null once the io_context has ended
     std::vector<Event*> events;
-
-    // On the loop's thread (or once it has ended).
-    // Freed io events kept for reuse: libpulse frees and makes one again for every fragment when
-    // its socket is readable and writable at once.
-    std::vector<std::unique_ptr<IoEvent>> spareIoEvents;
     // Watches of freed io events, kept until the end of this turn of the loop for an io_new on
     // the same descriptor, which then costs no new registration with the reactor.
     std::vector<std::shared_ptr<Watch>> cachedWatches;
     bool purgePosted = false;
 
+    // On the loop's thread (or once it has ended).
+    // Freed io events kept for reuse: libpulse frees and makes one again for every fragment when
+    // its socket is readable and writable at once.
+    std::vector<std::unique_ptr<IoEvent>> spareIoEvents;
+
     void detachAllLocked();
     std::shared_ptr<Watch> takeWatch(int fd);
     void cacheWatch(std::shared_ptr<Watch> watch);
-    void purgeCachedWatches();
+    void purgeCachedWatchesLocked();
 };
 
 namespace {
@@ -430,14 +431,14 @@ class LoopRegistryService final : public boost::asio::execution_context::service
 
 void AsioPulseMainLoop::Shared::detachAllLocked() {
     for (Event* event : events) event->detachLocked();
-    for (const auto& watch : cachedWatches) watch->descriptor.reset();
-    cachedWatches.clear();
+    purgeCachedWatchesLocked();
     context = nullptr;
 }
 
 std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
     struct stat file {};
     const bool known = ::fstat(fd, &file) == 0;
+    std::lock_guard lock(mutex);
     for (auto cached = cachedWatches.begin(); cached != cachedWatches.end(); ++cached) {
         const Watch& watch = **cached;
         // The same number may by now name another file; only the same file reuses the watch.
@@ -450,7 +451,6 @@ std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
     }
     auto watch = std::make_shared<Watch>(*this, fd);
     watch->file = file;
-    std::lock_guard lock(mutex);
     if (context == nullptr) return watch;
     const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (duplicate < 0) return watch;
@@ -466,22 +466,22 @@ std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
 
 void AsioPulseMainLoop::Shared::cacheWatch(std::shared_ptr<Watch> watch) {
     if (!watch->descriptor) return;
-    cachedWatches.push_back(std::move(watch));
-    if (purgePosted) return;
     std::lock_guard lock(mutex);
-    if (context == nullptr) return;
+    cachedWatches.push_back(std::move(watch));
+    if (purgePosted || context == nullptr) return;
     purgePosted = true;
     boost::asio::post(*context, [weak = weakSelf] {
         if (auto shared = weak.lock()) {
+            std::lock_guard lock(shared->mutex);
             shared->purgePosted = false;
-            shared->purgeCachedWatches();
+            shared->purgeCachedWatchesLocked();
         }
     });
 }
 
 // Closes the duplicates that nothing took up: the file they hold open may be libpulse's closed
 // connection, which the server must see end.
-void AsioPulseMainLoop::Shared::purgeCachedWatches() {
+void AsioPulseMainLoop::Shared::purgeCachedWatchesLocked() {
     for (const auto& watch : cachedWatches) watch->descriptor.reset();
     cachedWatches.clear();
 }
@@ -529,7 +529,7 @@ AsioPulseMainLoop::~AsioPulseMainLoop() {
             }
         }
         shared_->events.clear();
-        shared_->purgeCachedWatches();
+        shared_->purgeCachedWatchesLocked();
     }
 }
 

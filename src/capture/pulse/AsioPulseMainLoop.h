@@ -23,7 +23,8 @@ namespace velmora {
 class AsioPulseMainLoop {
   public:
     explicit AsioPulseMainLoop(boost::asio::io_context& context);
-    // Frees what libpulse left behind; libpulse objects made on api() are freed before.
+    // Frees what libpulse left behind; libpulse objects made on api() are freed before. May run
+    // on any thread, the io_context still running.
     ~AsioPulseMainLoop();
 
     AsioPulseMainLoop(const AsioPulseMainLoop&) = delete;

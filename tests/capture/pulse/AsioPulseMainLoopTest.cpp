@@ -257,8 +257,8 @@ TEST_F(AsioPulseMainLoopTest, AnEnabledDeferEventRunsOnEveryTurnUntilDisabled) {
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(deferred.runs, 5);
     // Enabled again, it runs again; disabled at once, it does not.
-    deferred.disableAfter = 6;
     onLoop([&](pa_mainloop_api* api) {
+        deferred.disableAfter = 6;  // read by the callback, on the loop's thread
         api->defer_enable(event, 1);
         return 0;
     });
