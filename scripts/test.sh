@@ -46,10 +46,10 @@ fi
 
 if [ "$full" -eq 1 ]; then
     run_preset asan
-    # The threaded parts: queues, capture, server, the sound-server tests and the WebSocket stack
-    # (the preset builds without the tray: Qt is not among them).
+    # The threaded parts: queues, capture, server, the sound-server tests, the WebSocket stack and
+    # the headless helper (the demo's settings test runs it); the preset builds without the tray.
     run_preset tsan config_tests capture_tests server_tests capture_pulse_tests \
-        meetings_pulse_tests conformance_tests ws-conformance-server
+        meetings_pulse_tests conformance_tests ws-conformance-server velmora-audio-helper
 
     if [ -f fuzz/run-all.sh ]; then
         echo "== fuzzers: 60 s each from the committed seed corpus"
