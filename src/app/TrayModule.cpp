@@ -7,9 +7,20 @@
 
 namespace velmora::TrayModule {
 
+namespace {
+
+// Installed, the module sits in a folder of its own below the package's private library folder:
+// a shared object directly in lib/<package>/ would have the package run ldconfig on every
+// install and removal, for a module that no program links.
+std::filesystem::path installedFolder(const std::filesystem::path& executable) {
+    return executable.parent_path().parent_path() / "lib" / "velmora-audio-helper" / "modules";
+}
+
+}  // namespace
+
 std::vector<std::filesystem::path> candidates(const std::filesystem::path& executable) {
     std::filesystem::path folder = executable.parent_path();
-    return {folder / fileName, folder.parent_path() / "lib" / "velmora-audio-helper" / fileName};
+    return {folder / fileName, installedFolder(executable) / fileName};
 }
 
 std::optional<int> run(int argc, char** argv, std::ostream& err) {
@@ -21,9 +32,8 @@ std::optional<int> run(int argc, char** argv, std::ostream& err) {
             << error.message() << ")\n";
         return std::nullopt;
     }
-    std::string lastProblem =
-        "no " + std::string(fileName) + " beside the program or in " +
-        (executable.parent_path().parent_path() / "lib" / "velmora-audio-helper").string();
+    std::string lastProblem = "no " + std::string(fileName) + " beside the program or in " +
+                              installedFolder(executable).string();
     for (const std::filesystem::path& candidate : candidates(executable)) {
         if (!std::filesystem::exists(candidate, error)) continue;
         // Never closed: the tray's code runs until the process exits.

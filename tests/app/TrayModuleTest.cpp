@@ -11,12 +11,13 @@ TEST(TrayModuleTest, IsLookedForBesideTheProgramThenInItsPrivateLibraryFolder) {
     auto candidates = TrayModule::candidates("/opt/velmora-audio-helper/bin/velmora-audio-helper");
     ASSERT_EQ(candidates.size(), 2u);
     EXPECT_EQ(candidates[0], "/opt/velmora-audio-helper/bin/velmora-tray.so");
-    EXPECT_EQ(candidates[1], "/opt/velmora-audio-helper/lib/velmora-audio-helper/velmora-tray.so");
+    EXPECT_EQ(candidates[1],
+              "/opt/velmora-audio-helper/lib/velmora-audio-helper/modules/velmora-tray.so");
 }
 
 TEST(TrayModuleTest, TheInstalledProgramFindsItUnderUsrLib) {
     auto candidates = TrayModule::candidates("/usr/bin/velmora-audio-helper");
-    EXPECT_EQ(candidates.back(), "/usr/lib/velmora-audio-helper/velmora-tray.so");
+    EXPECT_EQ(candidates.back(), "/usr/lib/velmora-audio-helper/modules/velmora-tray.so");
 }
 
 TEST(TrayModuleTest, AMissingModuleIsReportedAndNothingRuns) {
