@@ -141,6 +141,17 @@ int readMonitor() {
     }
 }
 
+// Connects `socket` to the helper on `port` and upgrades it as a page of `origin`.
+void openAsPage(websocket::stream<boost::asio::ip::tcp::socket>& socket, int port,
+                const std::string& origin) {
+    socket.next_layer().connect(
+        {boost::asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
+    socket.set_option(websocket::stream_base::decorator([origin](websocket::request_type& request) {
+        request.set(beast::http::field::origin, origin);
+    }));
+    socket.handshake("127.0.0.1:" + std::to_string(port), "/");
+}
+
 int streamAsPage(int port, double seconds, const std::string& keyFile) {
     std::ifstream keyStream(keyFile);
     std::stringstream pem;
@@ -154,12 +165,7 @@ int streamAsPage(int port, double seconds, const std::string& keyFile) {
 
     boost::asio::io_context context;
     websocket::stream<boost::asio::ip::tcp::socket> socket(context);
-    socket.next_layer().connect(
-        {boost::asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
-    socket.set_option(websocket::stream_base::decorator([&](websocket::request_type& request) {
-        request.set(beast::http::field::origin, origin);
-    }));
-    socket.handshake("127.0.0.1:" + std::to_string(port), "/");
+    openAsPage(socket, port, origin);
     const nlohmann::json start = {{"type", "start"},
                                   {"pass", issuer.issue(origin, velmora::PassIssuer::currentTime(),
                                                         velmora::PassIssuer::randomNonce())}};
@@ -211,12 +217,7 @@ int holdAsPage(int port, double seconds) {
     const std::string origin = velmora::HelperInfo::builtInOrigins().front();
     boost::asio::io_context context;
     websocket::stream<boost::asio::ip::tcp::socket> socket(context);
-    socket.next_layer().connect(
-        {boost::asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
-    socket.set_option(websocket::stream_base::decorator([&](websocket::request_type& request) {
-        request.set(beast::http::field::origin, origin);
-    }));
-    socket.handshake("127.0.0.1:" + std::to_string(port), "/");
+    openAsPage(socket, port, origin);
     beast::flat_buffer buffer;
     std::optional<std::string> closed;
     std::function<void()> readNext = [&] {
