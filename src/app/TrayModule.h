@@ -18,8 +18,8 @@ inline constexpr const char* fileName = "velmora-tray.so";
 inline constexpr const char* entryPoint = "velmora_run_tray";
 
 // Where the module may be, in order: beside the executable (the build tree), then
-// ../lib/velmora-audio-helper/modules/ from its folder (the package, the portable folder and a copy the
-// installer made, which all keep that layout).
+// ../lib/velmora-audio-helper/modules/ from its folder (the package, the portable folder and a copy
+// the installer made, which all keep that layout).
 std::vector<std::filesystem::path> candidates(const std::filesystem::path& executable);
 
 // Loads the module and runs the tray through it. Returns the tray's exit code, or nothing when
