@@ -54,8 +54,8 @@ struct AsioPulseMainLoop::Shared {
     std::vector<std::unique_ptr<IoEvent>> spareIoEvents;
 
     void detachAllLocked();
-    std::shared_ptr<Watch> takeWatch(int fd);
-    void cacheWatch(std::shared_ptr<Watch> watch);
+    std::shared_ptr<Watch> takeWatchLocked(int fd);
+    void cacheWatchLocked(std::shared_ptr<Watch> watch);
     void purgeCachedWatchesLocked();
 };
 
@@ -285,10 +285,10 @@ pa_io_event* ioNew(pa_mainloop_api* api, int fd, pa_io_event_flags_t flags,
     event->callback = callback;
     event->userdata = userdata;
     event->destroy = nullptr;
-    event->watch = shared.takeWatch(fd);
-    event->watch->event = event;
     {
         std::lock_guard lock(shared.mutex);
+        event->watch = shared.takeWatchLocked(fd);
+        event->watch->event = event;
         shared.events.push_back(event);
     }
     event->watch->watch();
@@ -314,12 +314,12 @@ void ioFree(pa_io_event* handle) {
     {
         std::lock_guard lock(shared.mutex);
         std::erase(shared.events, event);
+        shared.cacheWatchLocked(std::move(watch));
     }
     std::unique_ptr<IoEvent> spare(event);
     if (shared.spareIoEvents.size() < shared.spareIoEvents.capacity()) {
         shared.spareIoEvents.push_back(std::move(spare));
     }
-    shared.cacheWatch(std::move(watch));
 }
 
 void ioSetDestroy(pa_io_event* handle, pa_io_event_destroy_cb_t destroy) {
@@ -435,10 +435,9 @@ void AsioPulseMainLoop::Shared::detachAllLocked() {
     context = nullptr;
 }
 
-std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
+std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatchLocked(int fd) {
     struct stat file {};
     const bool known = ::fstat(fd, &file) == 0;
-    std::lock_guard lock(mutex);
     for (auto cached = cachedWatches.begin(); cached != cachedWatches.end(); ++cached) {
         const Watch& watch = **cached;
         // The same number may by now name another file; only the same file reuses the watch.
@@ -464,9 +463,8 @@ std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatch(int fd) {
     return watch;
 }
 
-void AsioPulseMainLoop::Shared::cacheWatch(std::shared_ptr<Watch> watch) {
+void AsioPulseMainLoop::Shared::cacheWatchLocked(std::shared_ptr<Watch> watch) {
     if (!watch->descriptor) return;
-    std::lock_guard lock(mutex);
     cachedWatches.push_back(std::move(watch));
     if (purgePosted || context == nullptr) return;
     purgePosted = true;
