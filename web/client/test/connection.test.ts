@@ -310,16 +310,50 @@ describe('what the browser allows', () => {
     }
   });
 
-  it('keeps retrying without a gesture after the user clicked once, while still "prompt"', async () => {
+  it('keeps retrying without a gesture after the user clicked and allowed it', async () => {
     const { client, browser } = makeClient({}, { permission: 'prompt', gesture: true });
     void client.connect();
     await tick();
     browser.gesture = false;
+    browser.permission = 'granted';
     FakeWebSocket.latest.failToConnect();
     await tick();
     expect(client.status.state).toBe('helper-not-running');
     await tick(client.status.retryInMs!);
     expect(FakeWebSocket.instances).toHaveLength(2);
+  });
+
+  it('names the unanswered permission when the prompt was closed, without probing or asking again until a click', async () => {
+    const { client, browser, probes } = makeClient({}, { permission: 'prompt', gesture: true, somethingListens: true });
+    const outcome = client.connect();
+    await tick();
+    browser.gesture = false;
+    FakeWebSocket.latest.failToConnect();
+    const status = await outcome;
+    expect(status).toMatchObject({ state: 'blocked-by-browser', blockedReason: 'local-network-unanswered' });
+    expect(status.message).toMatch(/Local network access/);
+    expect(status.message).not.toMatch(/not running/);
+    expect(status.retryInMs).toBeUndefined();
+    expect(probes).toEqual([]);
+    await tick(120_000);
+    expect(FakeWebSocket.instances).toHaveLength(1);
+    // A click asks again, and this time the user allows it.
+    browser.gesture = true;
+    const again = client.connect();
+    await tick();
+    expect(FakeWebSocket.instances).toHaveLength(2);
+    browser.permission = 'granted';
+    FakeWebSocket.latest.acceptWithHello();
+    expect((await again).state).toBe('ready');
+  });
+
+  it('still probes from a page served from localhost, whose requests the permission does not cover', async () => {
+    const { client, probes } = makeClient({}, { permission: 'prompt', loopbackPage: true, somethingListens: true });
+    const outcome = client.connect();
+    await tick();
+    FakeWebSocket.latest.failToConnect();
+    expect((await outcome).state).toBe('refused');
+    expect(probes).toHaveLength(1);
   });
 
   it('needs no gesture on a page served from localhost, which the browser never asks about', async () => {
