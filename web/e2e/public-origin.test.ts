@@ -13,6 +13,7 @@ import { Helper } from './support/Helper.js';
 import { freePort, waitUntil } from './support/processes.js';
 import {
   makeCertificate,
+  OTHER_PUBLIC_HOST,
   PUBLIC_HOST,
   publicOriginArgs,
   queryLoopbackPermission,
@@ -182,6 +183,18 @@ describe.skipIf(!helperPath)('the demo page from a public https origin', () => {
     await page.waitForSelector('#stream-state[data-state="streaming"]', { timeout: 20_000 });
     expect(passesIssued).toContain(origin);
     await expectTone(page);
+  });
+
+  it('shows "Refused by the helper" on an allowed public page of an origin the helper does not allow', async () => {
+    const other = `https://${OTHER_PUBLIC_HOST}:${new URL(origin).port}`;
+    await permission.set('granted', other);
+    const refused = await browser.context.newPage();
+    await refused.goto(`${other}/?helperPort=${helper.port}`);
+    await waitForState(refused, 'refused');
+    const status = await shown(refused, 'other origin, granted');
+    expect(status.label).toBe('Refused by the helper');
+    expect(status.shownMessage).toContain(`velmora-audio-helper settings add-origin ${other}`);
+    await refused.close();
   });
 
   it('reports a stopped helper while the permission is granted, and finds it again when it starts', async () => {

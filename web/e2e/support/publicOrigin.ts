@@ -7,6 +7,8 @@ import { run } from './processes.js';
 
 /** A name the client library does not take for this computer; the browser maps it to 127.0.0.1. */
 export const PUBLIC_HOST = 'app.velmora.test';
+/** Another site on the same server, which the helper does not allow. */
+export const OTHER_PUBLIC_HOST = 'other.velmora.test';
 
 /**
  * Chromium switches for a page at https://PUBLIC_HOST:<port>/ served from 127.0.0.1: the name
@@ -15,7 +17,7 @@ export const PUBLIC_HOST = 'app.velmora.test';
  */
 export function publicOriginArgs(port: number): string[] {
   return [
-    `--host-resolver-rules=MAP ${PUBLIC_HOST} 127.0.0.1`,
+    `--host-resolver-rules=MAP ${PUBLIC_HOST} 127.0.0.1, MAP ${OTHER_PUBLIC_HOST} 127.0.0.1`,
     `--ip-address-space-overrides=127.0.0.1:${port}=public`,
     '--ignore-certificate-errors',
   ];
@@ -32,7 +34,7 @@ export async function makeCertificate(): Promise<{ cert: string; key: string }> 
       [
         'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
         '-keyout', key, '-out', cert, '-days', '1',
-        '-subj', `/CN=${PUBLIC_HOST}`, '-addext', `subjectAltName=DNS:${PUBLIC_HOST}`,
+        '-subj', `/CN=${PUBLIC_HOST}`, '-addext', `subjectAltName=DNS:${PUBLIC_HOST},DNS:${OTHER_PUBLIC_HOST}`,
       ],
       process.env,
       20_000,
@@ -72,12 +74,8 @@ export class LoopbackPermission {
     return new LoopbackPermission(await page.context().newCDPSession(page), origin);
   }
 
-  async set(setting: PermissionSetting): Promise<void> {
-    await this.#session.send('Browser.setPermission', {
-      permission: { name: LOOPBACK_PERMISSION },
-      setting,
-      origin: this.#origin,
-    });
+  async set(setting: PermissionSetting, origin = this.#origin): Promise<void> {
+    await this.#session.send('Browser.setPermission', { permission: { name: LOOPBACK_PERMISSION }, setting, origin });
   }
 }
 
