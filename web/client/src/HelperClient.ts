@@ -414,9 +414,10 @@ export class HelperClient extends Emitter<HelperClientEvents> {
 
   /**
    * A WebSocket that fails before opening tells the page nothing about why: "nothing listens",
-   * "the helper refused this origin" and "the browser blocked it" all look alike. Two follow-up
-   * questions narrow it down: the permission state (denied → blocked), then a plain HTTP probe of
-   * the same port — if anything answers HTTP there, something listens and refused the WebSocket,
+   * "the helper refused this origin" and "the browser blocked it" all look alike. Follow-up
+   * questions narrow it down: the permission state (denied → blocked; still unanswered on a public
+   * page → blocked, since the browser stops everything else too), then a plain HTTP probe of the
+   * same port — if anything answers HTTP there, something listens and refused the WebSocket,
    * which for the helper means the page's origin is not allowed.
    */
   async #classifyFailure(attempt: number): Promise<void> {
