@@ -435,6 +435,7 @@ export class HelperClient extends Emitter<HelperClientEvents> {
     // The likely cause is a prompt the user closed; ask again only when they click.
     if (permission === 'prompt' && !this.#env.pageIsLoopback()) {
       this.#wanted = false;
+      this.#userStarted = false; // the next question waits for the next click
       this.#setState(blocked('local-network-unanswered'));
       return;
     }

@@ -337,6 +337,9 @@ describe('what the browser allows', () => {
     expect(probes).toEqual([]);
     await tick(120_000);
     expect(FakeWebSocket.instances).toHaveLength(1);
+    // A connect() without a click does not make the browser ask again.
+    expect((await client.connect()).state).toBe('needs-gesture');
+    expect(FakeWebSocket.instances).toHaveLength(1);
     // A click asks again, and this time the user allows it.
     browser.gesture = true;
     const again = client.connect();
