@@ -14,8 +14,8 @@ packages=(
     # sound servers for the capture tests and the demo
     pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus-daemon dbus-bin
     sox espeak-ng procps
-    # the browser test
-    chromium
+    # the browser test (openssl makes its throwaway https certificate)
+    chromium openssl
     # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
     # an XEmbed tray, screenshots

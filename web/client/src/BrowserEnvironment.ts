@@ -68,7 +68,7 @@ export function isWebKitRefusingLoopback(userAgent: string, pageProtocol: string
   const desktopSafari =
     /AppleWebKit\//.test(userAgent) &&
     /\bSafari\//.test(userAgent) &&
-    !/\b(Chrome|Chromium|Edg|OPR|SamsungBrowser)\//.test(userAgent) &&
+    !/\b(Chrome|HeadlessChrome|Chromium|Edg|OPR|SamsungBrowser)\//.test(userAgent) &&
     !/\bAndroid\b/.test(userAgent);
   return iosShell || desktopSafari;
 }

@@ -42,6 +42,12 @@ export type ConnectionState =
 export type BlockedReason =
   /** The user (or policy) denied the local-network permission for this site. */
   | 'local-network-denied'
+  /**
+   * The local-network permission is still unanswered after a failed attempt: the user closed the
+   * browser's prompt without allowing it (or the browser did not show it). connect() from a click
+   * asks again.
+   */
+  | 'local-network-unanswered'
   /** Safari and other WebKit browsers refuse ws:// to this computer from https pages. */
   | 'webkit-https'
   /** The browser refused to create the WebSocket at all (for example as mixed content). */
@@ -408,9 +414,10 @@ export class HelperClient extends Emitter<HelperClientEvents> {
 
   /**
    * A WebSocket that fails before opening tells the page nothing about why: "nothing listens",
-   * "the helper refused this origin" and "the browser blocked it" all look alike. Two follow-up
-   * questions narrow it down: the permission state (denied → blocked), then a plain HTTP probe of
-   * the same port — if anything answers HTTP there, something listens and refused the WebSocket,
+   * "the helper refused this origin" and "the browser blocked it" all look alike. Follow-up
+   * questions narrow it down: the permission state (denied → blocked; still unanswered on a public
+   * page → blocked, since the browser stops everything else too), then a plain HTTP probe of the
+   * same port — if anything answers HTTP there, something listens and refused the WebSocket,
    * which for the helper means the page's origin is not allowed.
    */
   async #classifyFailure(attempt: number): Promise<void> {
@@ -420,6 +427,16 @@ export class HelperClient extends Emitter<HelperClientEvents> {
     if (permission === 'denied') {
       this.#wanted = false;
       this.#setState(blocked('local-network-denied'));
+      return;
+    }
+    // Chromium blocks a public page's WebSocket and fetch to this computer alike until the
+    // permission is granted, so while it is unanswered the probe would learn nothing (and in a
+    // browser that asks for fetch too, it would put the question to the user again unprompted).
+    // The likely cause is a prompt the user closed; ask again only when they click.
+    if (permission === 'prompt' && !this.#env.pageIsLoopback()) {
+      this.#wanted = false;
+      this.#userStarted = false; // the next question waits for the next click
+      this.#setState(blocked('local-network-unanswered'));
       return;
     }
     let answered = false;
@@ -753,6 +770,11 @@ function blocked(reason: BlockedReason): ConnectionStatus {
       'Your browser blocks this page from connecting to apps on this device. Open the site settings ' +
       '(the icon to the left of the address), allow "Local network access" (also called "Apps on ' +
       'this device"), then reload the page.',
+    'local-network-unanswered':
+      'Your browser has not allowed this page to connect to apps on this device, so it cannot ' +
+      'reach the audio helper (its question was probably closed without an answer). Click ' +
+      'Connect and choose "Allow" when the browser asks, or allow "Local network access" (also ' +
+      'called "Apps on this device") in the site settings, the icon to the left of the address.',
     'webkit-https':
       'Safari does not let secure web pages connect to apps on this computer. ' +
       'Open this page in Chrome, Edge or Firefox to use the audio helper.',

@@ -310,16 +310,53 @@ describe('what the browser allows', () => {
     }
   });
 
-  it('keeps retrying without a gesture after the user clicked once, while still "prompt"', async () => {
+  it('keeps retrying without a gesture after the user clicked and allowed it', async () => {
     const { client, browser } = makeClient({}, { permission: 'prompt', gesture: true });
     void client.connect();
     await tick();
     browser.gesture = false;
+    browser.permission = 'granted';
     FakeWebSocket.latest.failToConnect();
     await tick();
     expect(client.status.state).toBe('helper-not-running');
     await tick(client.status.retryInMs!);
     expect(FakeWebSocket.instances).toHaveLength(2);
+  });
+
+  it('names the unanswered permission when the prompt was closed, without probing or asking again until a click', async () => {
+    const { client, browser, probes } = makeClient({}, { permission: 'prompt', gesture: true, somethingListens: true });
+    const outcome = client.connect();
+    await tick();
+    browser.gesture = false;
+    FakeWebSocket.latest.failToConnect();
+    const status = await outcome;
+    expect(status).toMatchObject({ state: 'blocked-by-browser', blockedReason: 'local-network-unanswered' });
+    expect(status.message).toMatch(/Local network access/);
+    expect(status.message).not.toMatch(/not running/);
+    expect(status.retryInMs).toBeUndefined();
+    expect(probes).toEqual([]);
+    await tick(120_000);
+    expect(FakeWebSocket.instances).toHaveLength(1);
+    // A connect() without a click does not make the browser ask again.
+    expect((await client.connect()).state).toBe('needs-gesture');
+    expect(FakeWebSocket.instances).toHaveLength(1);
+    // A click asks again, and this time the user allows it.
+    browser.gesture = true;
+    const again = client.connect();
+    await tick();
+    expect(FakeWebSocket.instances).toHaveLength(2);
+    browser.permission = 'granted';
+    FakeWebSocket.latest.acceptWithHello();
+    expect((await again).state).toBe('ready');
+  });
+
+  it('still probes from a page served from localhost, whose requests the permission does not cover', async () => {
+    const { client, probes } = makeClient({}, { permission: 'prompt', loopbackPage: true, somethingListens: true });
+    const outcome = client.connect();
+    await tick();
+    FakeWebSocket.latest.failToConnect();
+    expect((await outcome).state).toBe('refused');
+    expect(probes).toHaveLength(1);
   });
 
   it('needs no gesture on a page served from localhost, which the browser never asks about', async () => {
@@ -400,6 +437,7 @@ describe('what the browser allows', () => {
     ['Chrome on iPhone', 'Mozilla/5.0 (iPhone; CPU iPhone OS 17_4 like Mac OS X) AppleWebKit/605.1.15 (KHTML, like Gecko) CriOS/123.0.6312.52 Mobile/15E148 Safari/604.1', 'https:', true],
     ['Chrome on macOS', 'Mozilla/5.0 (Macintosh; Intel Mac OS X 10_15_7) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/147.0.0.0 Safari/537.36', 'https:', false],
     ['Edge on Windows', 'Mozilla/5.0 (Windows NT 10.0; Win64; x64) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/147.0.0.0 Safari/537.36 Edg/147.0.0.0', 'https:', false],
+    ['headless Chromium on Linux', 'Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) HeadlessChrome/156.0.0.0 Safari/537.36', 'https:', false],
     ['Firefox on Linux', 'Mozilla/5.0 (X11; Linux x86_64; rv:140.0) Gecko/20100101 Firefox/140.0', 'https:', false],
     ['Chrome on Android', 'Mozilla/5.0 (Linux; Android 14) AppleWebKit/537.36 (KHTML, like Gecko) Chrome/147.0.0.0 Mobile Safari/537.36', 'https:', false],
   ])('recognises %s', (_name, userAgent, protocol, refuses) => {

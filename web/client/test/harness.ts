@@ -8,7 +8,7 @@ import { FakeWebSocket } from './FakeWebSocket.js';
 export interface Browser {
   permission: LocalNetworkPermission;
   gesture: boolean;
-  /** Whether the HTTP probe finds something listening. */
+  /** Whether something listens on the port (the HTTP probe finds it where the browser lets it through). */
   somethingListens: boolean;
   webkitOnHttps: boolean;
   /** The page itself comes from localhost. */
@@ -49,7 +49,10 @@ export function makeClient(options: Partial<HelperClientOptions> = {}, browser: 
       refusesLoopbackWebSocket: () => fake.webkitOnHttps,
       probeHttp: async (url: string) => {
         probes.push(url);
-        return fake.somethingListens;
+        // As Chromium does: a public page's fetch to this computer is blocked like its WebSocket
+        // until the local-network permission is granted.
+        const reachable = fake.loopbackPage || fake.permission === 'granted' || fake.permission === 'unsupported';
+        return reachable && fake.somethingListens;
       },
       pageIsLoopback: () => fake.loopbackPage,
       pageOrigin: () => 'http://localhost:5180',

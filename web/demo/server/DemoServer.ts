@@ -2,7 +2,8 @@
 // for the page's own origin with the development key, the way a web application's server would.
 import { existsSync } from 'node:fs';
 import { readFile } from 'node:fs/promises';
-import { createServer, type IncomingMessage, type Server, type ServerResponse } from 'node:http';
+import { createServer, type IncomingMessage, type RequestListener, type Server, type ServerResponse } from 'node:http';
+import { createServer as createHttpsServer } from 'node:https';
 import type { AddressInfo } from 'node:net';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -30,10 +31,15 @@ export interface DemoServerOptions {
   allowedOrigins?: string[];
   /** Called for each pass issued (for logs and tests). */
   onPass?: (origin: string) => void;
+  /**
+   * Serve https with this certificate and key (PEM) instead of plain http, as a web application
+   * is served: the default origins then start with https://.
+   */
+  tls?: { cert: string | Buffer; key: string | Buffer };
 }
 
 export interface RunningDemoServer {
-  /** The page's address, such as http://localhost:5180/. */
+  /** The page's address, such as http://localhost:5180/ (https:// when serving with tls). */
   url: string;
   port: number;
   server: Server;
@@ -61,12 +67,14 @@ export async function startDemoServer(options: DemoServerOptions = {}): Promise<
   const key = loadSigningKey(await readFile(options.keyFile ?? DEVELOPMENT_KEY_FILE));
   const host = options.host ?? '127.0.0.1';
   let allowed = new Set<string>(options.allowedOrigins ?? []);
-  const server = createServer((request, response) => {
+  const listener: RequestListener = (request, response) => {
     handle(request, response, key, allowed, options.onPass).catch((error: unknown) => {
       if (!response.headersSent) send(response, 500, 'text/plain; charset=utf-8', 'Internal error\n');
       console.error('Demo server error:', error);
     });
-  });
+  };
+  const server: Server = options.tls ? createHttpsServer(options.tls, listener) : createServer(listener);
+  const scheme = options.tls ? 'https' : 'http';
   await new Promise<void>((resolve, reject) => {
     server.once('error', reject);
     server.listen(options.port ?? 5180, host, () => {
@@ -76,10 +84,10 @@ export async function startDemoServer(options: DemoServerOptions = {}): Promise<
   });
   const port = (server.address() as AddressInfo).port;
   if (!options.allowedOrigins) {
-    allowed = new Set([`http://localhost:${port}`, `http://127.0.0.1:${port}`]);
+    allowed = new Set([`${scheme}://localhost:${port}`, `${scheme}://127.0.0.1:${port}`]);
   }
   return {
-    url: `http://localhost:${port}/`,
+    url: `${scheme}://localhost:${port}/`,
     port,
     server,
     close: () =>

@@ -22,12 +22,12 @@ export interface Browser {
 }
 
 /** Chromium with a fresh profile and private home folders, removed again by close(). */
-export async function launchBrowser(env: NodeJS.ProcessEnv): Promise<Browser> {
+export async function launchBrowser(env: NodeJS.ProcessEnv, extraArgs: string[] = []): Promise<Browser> {
   const profile = mkdtempSync('/tmp/velmora-chromium-');
   const context = await chromium.launchPersistentContext(path.join(profile, 'profile'), {
     executablePath: CHROMIUM,
     headless: true,
-    args: CHROMIUM_ARGS,
+    args: [...CHROMIUM_ARGS, ...extraArgs],
     env: {
       ...env,
       HOME: path.join(profile, 'home'),
