@@ -32,7 +32,9 @@ TEST(ApplicationIdentity, ChromiumBinariesAndFlatpakMapToChromiumNotChrome) {
     EXPECT_EQ(fromBinary("chromium").identifier(), "org.chromium.Chromium");
     EXPECT_EQ(fromBinary("chromium-browser").identifier(), "org.chromium.Chromium");
     EXPECT_EQ(fromFlatpak("org.chromium.Chromium").identifier(), "org.chromium.Chromium");
-    EXPECT_EQ(KnownMeetingApps::match(*fromBinary("chromium").identifier())->name, "Chromium");
+    const auto app = KnownMeetingApps::match(fromBinary("chromium").identifier().value_or(""));
+    ASSERT_TRUE(app.has_value());
+    EXPECT_EQ(app->name, "Chromium");
 }
 
 TEST(ApplicationIdentity, OtherMeetingApplicationsMapToTheirTableRows) {
