@@ -21,6 +21,9 @@ const std::vector<Row>& table() {
         {"com.brave.Browser", true, "browser", "Brave"},
         {"com.vivaldi.Vivaldi", true, "browser", "Vivaldi"},
         {"com.operasoftware.Opera", true, "browser", "Opera"},
+        // Linux applications without a row above, after them so that the rows above keep their
+        // order and their matches.
+        {"org.chromium.Chromium", true, "browser", "Chromium"},
     };
     return rows;
 }

@@ -7,20 +7,34 @@ namespace {
 
 const MeetingApp chrome{"browser", "Google Chrome", "com.google.Chrome"};
 
-TEST(KnownMeetingApps, TableHasSixteenRowsInLookupOrder) {
+TEST(KnownMeetingApps, TableKeepsItsSixteenRowsAndAppendsChromiumAfterThem) {
     const auto& table = KnownMeetingApps::table();
-    ASSERT_EQ(table.size(), 16u);
+    ASSERT_EQ(table.size(), 17u);
     EXPECT_EQ(table.front().match, "us.zoom.xos");
     EXPECT_EQ(table[1].match, "com.microsoft.teams");
     EXPECT_EQ(table[2].match, "com.microsoft.teams2");
     EXPECT_EQ(table[7].match, "com.apple.FaceTime");
     EXPECT_FALSE(table[7].prefix);
-    EXPECT_EQ(table.back().match, "com.operasoftware.Opera");
+    EXPECT_EQ(table[15].match, "com.operasoftware.Opera");
+    EXPECT_EQ(table[16].match, "org.chromium.Chromium");
+    EXPECT_EQ(table[16].key, "browser");
+    EXPECT_EQ(table[16].name, "Chromium");
     for (const auto& row : table) {
         if (row.match != "com.apple.FaceTime") {
             EXPECT_TRUE(row.prefix) << row.match;
         }
     }
+}
+
+TEST(KnownMeetingApps, ChromiumAndItsHelperProcessesMatchTheChromiumRow) {
+    const MeetingApp chromium{"browser", "Chromium", "org.chromium.Chromium"};
+    EXPECT_EQ(KnownMeetingApps::match("org.chromium.Chromium"), chromium);
+    EXPECT_EQ(KnownMeetingApps::match("org.chromium.Chromium.helper"), chromium);
+    EXPECT_EQ(KnownMeetingApps::match("org.chromium.chromium"), std::nullopt);
+    const auto apps = KnownMeetingApps::usingApps({"org.chromium.Chromium", "com.google.Chrome"},
+                                                  "com.velmora.audiohelper");
+    ASSERT_EQ(apps.size(), 2u);
+    EXPECT_EQ(apps.at("org.chromium.Chromium"), chromium);
 }
 
 TEST(KnownMeetingApps, FaceTimeMatchesExactlyAndItsHelperMatchesNothing) {

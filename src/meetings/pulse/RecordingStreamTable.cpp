@@ -14,9 +14,11 @@ ApplicationIdentity merged(ApplicationIdentity stream, const ApplicationIdentity
         }
     };
     fill(stream.flatpakId, client.flatpakId);
+    fill(stream.snapId, client.snapId);
     fill(stream.applicationId, client.applicationId);
     fill(stream.binary, client.binary);
     fill(stream.name, client.name);
+    fill(stream.iconName, client.iconName);
     return stream;
 }
 

@@ -18,12 +18,9 @@ std::string property(const pa_proplist* properties, const char* key) {
 }
 
 ApplicationIdentity identityOf(const pa_proplist* properties) {
-    return ApplicationIdentity{
-        .flatpakId = property(properties, ApplicationIdentity::flatpakIdProperty),
-        .applicationId = property(properties, ApplicationIdentity::applicationIdProperty),
-        .binary = property(properties, ApplicationIdentity::binaryProperty),
-        .name = property(properties, ApplicationIdentity::nameProperty),
-    };
+    return ApplicationIdentity::fromProperties([properties](std::string_view key) {
+        return property(properties, std::string(key).c_str());
+    });
 }
 
 // Level meters (a volume control's peak display) are not microphone use. PipeWire marks them

@@ -28,10 +28,13 @@ TEST(ApplicationIdentity, ChromeBinariesAndFlatpakMapToChrome) {
     EXPECT_EQ(fromFlatpak("com.google.Chrome").identifier(), "com.google.Chrome");
 }
 
-TEST(ApplicationIdentity, ChromiumIsNotChromeAndStaysUnknown) {
-    EXPECT_EQ(fromBinary("chromium").identifier(), "chromium");
+TEST(ApplicationIdentity, ChromiumBinariesAndFlatpakMapToChromiumNotChrome) {
+    EXPECT_EQ(fromBinary("chromium").identifier(), "org.chromium.Chromium");
+    EXPECT_EQ(fromBinary("chromium-browser").identifier(), "org.chromium.Chromium");
     EXPECT_EQ(fromFlatpak("org.chromium.Chromium").identifier(), "org.chromium.Chromium");
-    EXPECT_FALSE(KnownMeetingApps::match(*fromBinary("chromium").identifier()));
+    const auto app = KnownMeetingApps::match(fromBinary("chromium").identifier().value_or(""));
+    ASSERT_TRUE(app.has_value());
+    EXPECT_EQ(app->name, "Chromium");
 }
 
 TEST(ApplicationIdentity, OtherMeetingApplicationsMapToTheirTableRows) {
@@ -57,7 +60,7 @@ TEST(ApplicationIdentity, OtherMeetingApplicationsMapToTheirTableRows) {
 
 TEST(ApplicationIdentity, EveryAliasLeadsToATableRow) {
     for (const char* binary : {"zoom", "teams", "webex", "slack", "discord", "chrome", "msedge",
-                               "firefox", "brave", "vivaldi", "opera"}) {
+                               "firefox", "brave", "vivaldi", "opera", "chromium"}) {
         const auto identifier = fromBinary(binary).identifier();
         ASSERT_TRUE(identifier.has_value()) << binary;
         EXPECT_TRUE(KnownMeetingApps::match(*identifier).has_value()) << binary;

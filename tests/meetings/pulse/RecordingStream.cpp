@@ -52,7 +52,12 @@ RecordingStream::RecordingStream(const Options& options) {
     pa_threaded_mainloop_lock(loop_);
     const pa_sample_spec spec = options.levelMeter ? pa_sample_spec{PA_SAMPLE_FLOAT32LE, 25, 1}
                                                    : pa_sample_spec{PA_SAMPLE_S16LE, 48000, 1};
-    stream_ = pa_stream_new(context_, "recording", &spec, nullptr);
+    pa_proplist* streamProperties = pa_proplist_new();
+    for (const auto& [key, value] : options.streamProperties) {
+        pa_proplist_sets(streamProperties, key.c_str(), value.c_str());
+    }
+    stream_ = pa_stream_new_with_proplist(context_, "recording", &spec, nullptr, streamProperties);
+    pa_proplist_free(streamProperties);
     int flags = PA_STREAM_ADJUST_LATENCY;
     if (options.corked) {
         flags |= PA_STREAM_START_CORKED;

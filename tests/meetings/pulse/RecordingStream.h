@@ -16,7 +16,8 @@ class RecordingStream {
     struct Options {
         std::string serverAddress;
         std::string source;
-        std::map<std::string, std::string> properties;  // the client's properties
+        std::map<std::string, std::string> properties = {};        // the client's properties
+        std::map<std::string, std::string> streamProperties = {};  // the stream's own
         bool corked = false;
         bool levelMeter = false;  // peak detection at 25 Hz, as a volume control's meter does
     };

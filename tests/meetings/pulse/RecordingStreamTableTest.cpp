@@ -61,6 +61,16 @@ TEST_F(RecordingStreamTableTest, ClientPropertiesCompleteTheStreamsOwn) {
     EXPECT_EQ(table_.bundleIds(), std::vector<std::string>{"app"});
 }
 
+TEST_F(RecordingStreamTableTest, SnapNameAndIconNameAreCompletedFromTheClientToo) {
+    // A snap's name is on the client; Chromium puts its icon name on the stream, or its client.
+    table_.putStream(10, {.source = microphone, .client = 7, .identity = {.binary = "electron"}});
+    table_.putClient(7, {.snapId = "slack"});
+    table_.putStream(11, {.source = microphone, .client = 8, .identity = {.binary = "chrome"}});
+    table_.putClient(8, {.iconName = "chromium-browser"});
+    EXPECT_EQ(table_.bundleIds(),
+              (std::vector<std::string>{"com.tinyspeck.slackmacgap", "org.chromium.Chromium"}));
+}
+
 TEST_F(RecordingStreamTableTest, StreamsAreListedInIndexOrderAndRemovedByIndex) {
     table_.putStream(12, zoomOn(microphone));
     table_.putStream(10, {.source = microphone, .identity = {.binary = "slack"}});
