@@ -120,8 +120,8 @@ check_hardening() {
     for file in "$executable" "$module"; do
         readelf -d "$file" | grep "BIND_NOW" >/dev/null || fail "$file is not linked with -z now"
         readelf -l "$file" | grep "GNU_RELRO" >/dev/null || fail "$file has no RELRO segment"
-        readelf --dyn-syms "$file" | grep "__stack_chk_fail" >/dev/null || fail "$file has no stack protector"
-        readelf --dyn-syms "$file" | grep -E " __[a-z0-9_]+_chk(@|$)" >/dev/null ||
+        readelf -W --dyn-syms "$file" | grep "__stack_chk_fail" >/dev/null || fail "$file has no stack protector"
+        readelf -W --dyn-syms "$file" | grep -E " __[a-z0-9_]+_chk(@|$)" >/dev/null ||
             fail "$file calls no fortified function"
     done
     readelf -h "$executable" | grep -E "Type: +DYN" >/dev/null || fail "$executable is not position-independent"
