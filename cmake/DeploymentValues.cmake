@@ -6,6 +6,8 @@ set(VELMORA_BUILTIN_ORIGINS
 set(VELMORA_PRODUCTION_KEY "" CACHE STRING
     "Production pass key: base64 of a 65-byte uncompressed P-256 point (may be empty in development)")
 set(VELMORA_DEV_KEYS "" CACHE STRING "Development pass keys (list, same form); empty in release builds")
+# Release builds (the `release` preset): real keys only, hardened, and the only ones that package.
+option(VELMORA_RELEASE "Build a release: needs the production key, takes no development key" OFF)
 set(VELMORA_WEB_APP_URL "https://app.velmora.example" CACHE STRING "Address of the web application")
 # The tray front end is built wherever Qt 6 Widgets is found; OFF builds run headless only.
 find_package(Qt6 6.2 QUIET COMPONENTS Widgets)

@@ -21,7 +21,9 @@ packages=(
     # an XEmbed tray, screenshots
     qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool
     # packages: icons rendered from SVG, the disk image, package checks, the end-to-end test
-    librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs
+    librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs binutils
+    # keys for the release configure test and the end-to-end test
+    openssl
 )
 # Node and npm may come with the machine; Debian's own are the fallback.
 if ! command -v node >/dev/null || ! command -v npm >/dev/null; then

@@ -1,14 +1,18 @@
 #!/usr/bin/env bash
 # End to end on this machine, as a user gets the helper:
-#   1. builds the packages (the .debs, the tarball, the disk image) with the release preset;
-#   2. lintian finds no error in the .debs; apt installs them; the installed helper serves a
-#      page its "hello"; dpkg -r removes them cleanly;
+#   1. builds the packages (the .debs, the tarball, the disk image) with the release preset and a
+#      throwaway production key made for this run;
+#   2. lintian finds no error and no hardening tag in the .debs; readelf finds the executable and
+#      the tray module linked with full RELRO and immediate binding, the executable as PIE; no
+#      path of this machine is left in them; apt installs the packages; the installed helper
+#      serves a page its "hello", refuses a pass signed with the committed development key and
+#      streams to a page whose pass the throwaway key signed; dpkg -r removes them cleanly;
 #   3. the disk image, mounted read-only through a loop device, starts the helper in the test mode
 #      that answers "Install": the copy lands in /opt, the installed copy starts and serves, and
 #      the image is detached.
 # Step 3 runs in a private mount namespace with a scratch /opt, so a real /opt is never touched.
-# Needs root (apt, loop mounts, namespaces), Xvfb, and a build whose tray offers the install
-# (VELMORA_GUI=ON).
+# Needs root (apt, loop mounts, namespaces), Xvfb, PulseAudio, openssl, lintian, and a build whose
+# tray offers the install (VELMORA_GUI=ON).
 #   packaging/tests/end-to-end.sh [BUILD_DIR]       (default build/packages)
 set -euo pipefail
 cd "$(dirname "$0")/../.."
@@ -59,6 +63,76 @@ page_gets_hello() {
     output=$("$helper" listen --seconds 1 --port "$port" --key "$key" 2>&1 || true)
     grep -q "^Connected to velmora-audio-helper .* (16000 Hz, 1 ch, f32le)" <<<"$output" ||
         fail "no hello from the helper on port $port: $output"
+}
+
+# A private PulseAudio with a silent output, for the helper to capture from; sets PULSE_SERVER.
+start_sound_server() {
+    local folder=$1
+    mkdir -p "$folder"
+    cat >"$folder/default.pa" <<PA
+load-module module-native-protocol-unix auth-anonymous=1 socket=$folder/native
+load-module module-null-sink sink_name=speakers rate=48000 channels=2
+set-default-sink speakers
+PA
+    pulseaudio -n --daemonize=no --exit-idle-time=-1 --disallow-exit --use-pid-file=no \
+        --realtime=no --high-priority=no --log-target=stderr -F "$folder/default.pa" \
+        >"$folder/pulseaudio.log" 2>&1 &
+    sound_server=$!
+    export PULSE_SERVER="unix:$folder/native"
+    wait_for pactl info >/dev/null 2>&1 ||
+        fail "the private PulseAudio did not start: $(cat "$folder/pulseaudio.log")"
+}
+
+# The packaged helper, serving on $2, trusts the build's production key alone: a page whose pass
+# the committed development key signed is refused, a page whose pass the throwaway production key
+# $3 signed gets audio.
+helper_trusts_only_the_production_key() {
+    local helper=$1 port=$2 production_key=$3 output
+    local origin=https://app.velmora.example
+    log_has "Trusting 1 pass-signing key, no development key" ||
+        fail "the helper did not log that it trusts one key and no development key"
+    if output=$("$helper" listen --seconds 1 --port "$port" --origin "$origin" \
+        --key keys/dev-pass-key.DEVELOPMENT-ONLY.pem 2>&1); then
+        fail "a pass signed with the development key was accepted: $output"
+    fi
+    grep -q "pass_invalid" <<<"$output" || fail "no pass_invalid for the development key: $output"
+    log_has "Start refused for $origin: pass signature" ||
+        fail "no refusal logged for the development key's pass"
+    output=$("$helper" listen --seconds 1 --port "$port" --origin "$origin" \
+        --key "$production_key" 2>&1) ||
+        fail "a pass signed with the production key was refused: $output"
+    grep -q "^Received 16000 samples" <<<"$output" || fail "no audio with the production key: $output"
+    echo "end-to-end: the development key's pass is refused; the production key's pass streams"
+}
+
+# The packaged executable and tray module: lintian's hardening tags, then what readelf shows, and
+# that neither names this machine's source or build folder.
+check_hardening() {
+    local deb=$1 build=$2 findings=$3 tree=$4
+    if grep -E "hardening-" <<<"$findings"; then
+        fail "lintian reports hardening tags (above)"
+    fi
+    dpkg-deb -x "$deb" "$tree"
+    local executable="$tree/usr/bin/velmora-audio-helper"
+    local module="$tree/usr/lib/velmora-audio-helper/modules/velmora-tray.so"
+    [ -f "$module" ] || fail "the package holds no tray module"
+    local file
+    for file in "$executable" "$module"; do
+        readelf -d "$file" | grep "BIND_NOW" >/dev/null || fail "$file is not linked with -z now"
+        readelf -l "$file" | grep "GNU_RELRO" >/dev/null || fail "$file has no RELRO segment"
+        readelf -W --dyn-syms "$file" | grep "__stack_chk_fail" >/dev/null || fail "$file has no stack protector"
+        readelf -W --dyn-syms "$file" | grep -E " __[a-z0-9_]+_chk(@|$)" >/dev/null ||
+            fail "$file calls no fortified function"
+    done
+    readelf -h "$executable" | grep -E "Type: +DYN" >/dev/null || fail "$executable is not position-independent"
+    readelf -d "$executable" | grep -E "FLAGS_1.*PIE" >/dev/null || fail "$executable is not marked PIE"
+    readelf -n "$executable" | grep "x86 feature" || true
+    for file in "$executable" "$module" "$build/src/app/velmora-audio-helper"; do
+        if strings -a "$file" | grep -F -e "$PWD" -e "dev-pass-key"; then
+            fail "$file names this machine's source folder or the development key file (above)"
+        fi
+    done
+    echo "end-to-end: hardened (BIND_NOW, RELRO, PIE, stack protector, fortified calls); no build path"
 }
 
 # The processes whose executable is $1.
@@ -137,27 +211,34 @@ main() {
     [ "$(id -u)" -eq 0 ] || fail "needs root (apt, loop mounts, a private mount namespace)"
     local build=${1:-build/packages}
 
+    local work
+    work=$(mktemp -d)
+    # shellcheck disable=SC2064
+    trap "rm -rf '$work'" EXIT
+    chmod 755 "$work"
+
+    # A production key made for this run only: the release build refuses to configure without
+    # one, and the packaged helper must trust it and nothing else.
+    openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$work/production.pem"
+    local production_key
+    production_key=$(openssl pkey -in "$work/production.pem" -pubout -outform DER | tail -c 65 |
+        base64 -w0)
+
     step "build the packages in $build"
-    cmake --preset release -B "$build" -DVELMORA_BUILD_TESTS=OFF \
-        -DVELMORA_BUILD_BENCHMARKS=OFF >/dev/null
+    cmake --preset release -B "$build" -DVELMORA_PRODUCTION_KEY="$production_key" \
+        -DVELMORA_BUILD_TESTS=OFF -DVELMORA_BUILD_BENCHMARKS=OFF >/dev/null
     cmake --build "$build" -j "$(nproc)" --target package >/dev/null
     local deb pass_deb
     deb=$(ls "$PWD/$build"/velmora-audio-helper_*.deb)
     pass_deb=$(ls "$PWD/$build"/velmora-pass_*.deb)
     ls -l "$deb" "$pass_deb" "$build"/velmora-audio-helper-*.tar.gz "$build"/velmora-audio-helper-*.iso
 
-    if command -v lintian >/dev/null; then
-        step "lintian"
-        local findings
-        findings=$(lintian --fail-on error "$deb" "$pass_deb" 2>&1) || fail "lintian: $findings"
-        grep -v "^running with root" <<<"$findings" || true
-    fi
-
-    local work
-    work=$(mktemp -d)
-    # shellcheck disable=SC2064
-    trap "rm -rf '$work'" EXIT
-    chmod 755 "$work"
+    step "lintian -I --pedantic; hardening"
+    local findings
+    findings=$(lintian -I --pedantic --fail-on error "$deb" "$pass_deb" 2>&1) ||
+        fail "lintian: $findings"
+    grep -v "^running with root" <<<"$findings" || true
+    check_hardening "$deb" "$build" "$findings" "$work/deb-tree"
 
     step "apt-get install the packages"
     DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "$deb" "$pass_deb" >/dev/null
@@ -165,16 +246,21 @@ main() {
 
     (
         private_user "$work/package-user"
+        local sound_server="" helper=""
+        trap 'kill $helper $sound_server 2>/dev/null || true' EXIT
+        start_sound_server "$work/package-user/sound"
         local port
         port=$(free_port)
         velmora-audio-helper settings set port "$port" >/dev/null
         velmora-audio-helper --headless --no-welcome >/dev/null 2>&1 &
-        local helper=$!
+        helper=$!
         wait_for log_has "Listening on ws://127.0.0.1:$port/" ||
             fail "the installed package's helper did not log \"Listening on\""
         page_gets_hello velmora-audio-helper "$port" "$work/key.pem"
+        helper_trusts_only_the_production_key velmora-audio-helper "$port" "$work/production.pem"
         kill "$helper"
         wait "$helper" || true
+        helper=""
         echo "end-to-end: the package's helper serves"
     )
 

@@ -63,6 +63,27 @@ const std::vector<VerificationKey>& keys() {
     return builtIn;
 }
 
+KeyCount keyCount() {
+    const auto development =
+        std::count_if(std::begin(build::devKeys), std::end(build::devKeys),
+                      [](std::string_view text) { return keyFromBase64(text).has_value(); });
+    return {keys().size(), static_cast<std::size_t>(development)};
+}
+
+std::string trustedKeysText(KeyCount count) {
+    if (count.total == 0) {
+        return "Trusting no pass-signing key: every start pass will be refused";
+    }
+    std::string text = "Trusting " + std::to_string(count.total) + " pass-signing key" +
+                       (count.total == 1 ? "" : "s");
+    if (count.development == 0) {
+        return text + ", no development key";
+    }
+    return text + ", of which " + std::to_string(count.development) +
+           (count.development == 1 ? " is a development key" : " are development keys") +
+           ": anyone can sign passes for this build";
+}
+
 bool required(std::string_view) {
     return true;
 }

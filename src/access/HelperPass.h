@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,17 @@ std::optional<VerificationKey> keyFromBase64(std::string_view base64X963);
 // The built-in keys: the production key, then the development keys; entries that do not
 // decode are left out. Built once, on first use.
 const std::vector<VerificationKey>& keys();
+
+// How many built-in keys there are, and how many of them are development keys.
+struct KeyCount {
+    std::size_t total = 0;
+    std::size_t development = 0;
+};
+KeyCount keyCount();
+
+// The line the helper logs at start about the keys it trusts, for example
+// "Trusting 1 pass-signing key, no development key".
+std::string trustedKeysText(KeyCount count);
 
 // The largest allowed distance, in seconds and either direction, between a pass's issue time
 // and now.

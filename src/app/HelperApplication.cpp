@@ -7,6 +7,7 @@
 #include <memory>
 #include <ostream>
 
+#include "access/HelperPass.h"
 #include "app/ListenCommand.h"
 #include "app/SettingsCommand.h"
 #include "capture/pulse/DesktopCapturePermission.h"
@@ -28,6 +29,7 @@ int runHelper() {
     HelperSettings::shared().installAsKitHooks();
     // A page that vanishes mid-write must not end the process.
     std::signal(SIGPIPE, SIG_IGN);
+    log(HelperPass::trustedKeysText(HelperPass::keyCount()));
 
     SerialQueue mainQueue("com.velmora.audiohelper.main", SerialQueue::CallerThread{});
     auto server = HelperServer::create(std::make_unique<PulseAudioTap>(),

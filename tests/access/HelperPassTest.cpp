@@ -539,6 +539,33 @@ TEST(HelperPassKeys, CurrentTimeCheckAcceptsFreshPassFromTheDevelopmentKey) {
     EXPECT_EQ(HelperPass::check(pass, "https://app.velmora.example"), invalid("used"));
 }
 
+TEST(HelperPassKeys, KeyCountSaysHowManyBuiltInKeysAreDevelopmentKeys) {
+    const auto decodes = [](std::string_view text) {
+        return HelperPass::keyFromBase64(text).has_value();
+    };
+    const auto development =
+        std::count_if(std::begin(build::devKeys), std::end(build::devKeys), decodes);
+    const HelperPass::KeyCount count = HelperPass::keyCount();
+    EXPECT_EQ(count.total, HelperPass::keys().size());
+    EXPECT_EQ(count.development, static_cast<std::size_t>(development));
+    EXPECT_EQ(count.development == 1, PassSigner::developmentKeyIsBuiltIn());
+    EXPECT_EQ(count.total - count.development, decodes(build::productionKey) ? 1u : 0u);
+}
+
+TEST(HelperPassKeys, TrustedKeysTextSaysHowManyKeysAndWhetherAnyIsForDevelopment) {
+    using HelperPass::trustedKeysText;
+    EXPECT_EQ(trustedKeysText({0, 0}),
+              "Trusting no pass-signing key: every start pass will be refused");
+    EXPECT_EQ(trustedKeysText({1, 0}), "Trusting 1 pass-signing key, no development key");
+    EXPECT_EQ(trustedKeysText({3, 0}), "Trusting 3 pass-signing keys, no development key");
+    EXPECT_EQ(trustedKeysText({1, 1}),
+              "Trusting 1 pass-signing key, of which 1 is a development key: anyone can sign "
+              "passes for this build");
+    EXPECT_EQ(trustedKeysText({3, 2}),
+              "Trusting 3 pass-signing keys, of which 2 are development keys: anyone can sign "
+              "passes for this build");
+}
+
 TEST(HelperPassKeys, BuiltInKeysAreBuiltOnce) {
     EXPECT_EQ(&HelperPass::keys(), &HelperPass::keys());
 }

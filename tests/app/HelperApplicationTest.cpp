@@ -13,13 +13,18 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "access/HelperPass.h"
+#include "config/AudioKit.h"
 #include "config/HelperInfo.h"
 #include "config/TemporaryFolder.h"
+#include "support/PassSigner.h"
 
 extern char** environ;
 
@@ -196,6 +201,33 @@ TEST_P(HelperExecutableTest, ServesPagesOnTheSavedPortAndQuitsCleanlyOnASignal) 
     int status = waitForExit(helper, std::chrono::seconds(20));
     if (status == -1) ::kill(helper, SIGKILL);
     EXPECT_EQ(status, 0);
+}
+
+TEST(HelperExecutableStartTest, LogsHowManyPassKeysItTrustsAndWhetherAnyIsForDevelopment) {
+    const std::uint16_t port = freePort();
+    pid_t settings = spawnHelper({"settings", "set", "port", std::to_string(port)});
+    ASSERT_GT(settings, 0);
+    ASSERT_EQ(waitForExit(settings, std::chrono::seconds(20)), 0);
+
+    pid_t helper = spawnHelper({"--headless", "--no-welcome", "--no-install"});
+    ASSERT_GT(helper, 0);
+    // Once it greets a page, its start is logged.
+    EXPECT_NE(greetingFrom(port).find("\"type\":\"hello\""), std::string::npos);
+    ::kill(helper, SIGTERM);
+    if (waitForExit(helper, std::chrono::seconds(20)) == -1) ::kill(helper, SIGKILL);
+
+    const char* state = std::getenv("XDG_STATE_HOME");
+    ASSERT_NE(state, nullptr);
+    const std::string log = testing::readText(
+        std::filesystem::path(state) / "velmora-audio-helper" / AudioKit::config().logFileName);
+    const std::string expected = HelperPass::trustedKeysText(HelperPass::keyCount());
+    EXPECT_NE(log.find(expected + "\n"), std::string::npos) << log;
+    // A development build trusts the development key and says so; a release build has none.
+    EXPECT_NE(
+        expected.find(PassSigner::developmentKeyIsBuiltIn() ? "of which 1 is a development key"
+                                                            : ", no development key"),
+        std::string::npos)
+        << expected;
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, HelperExecutableTest, ::testing::Values(SIGTERM, SIGINT),

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <memory>
 
+#include "access/HelperPass.h"
 #include "app/XdgAutostartLoginItem.h"
 #include "app/installer/AppInstaller.h"
 #include "app/tray/AppDelegate.h"
@@ -39,6 +40,7 @@ int runTrayApplication(const HelperArguments& arguments, const std::vector<std::
     HelperSettings::shared().installAsKitHooks();
     // A page that vanishes mid-write must not end the process.
     std::signal(SIGPIPE, SIG_IGN);
+    log(HelperPass::trustedKeysText(HelperPass::keyCount()));
 
     QApplication application(argc, argv);
     // Panels read the item's title, and with it its accessible name, from the application name.
