@@ -14,15 +14,16 @@ packages=(
     # sound servers for the capture tests and the demo
     pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber dbus-daemon dbus-bin
     sox espeak-ng procps
-    # the browser test (openssl makes its throwaway https certificate)
-    chromium openssl
+    # the browser test
+    chromium
     # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
     # an XEmbed tray, screenshots
     qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool
     # packages: icons rendered from SVG, the disk image, package checks, the end-to-end test
     librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs binutils
-    # keys for the release configure test and the end-to-end test
+    # throwaway keys and certificates: the release configure test, the end-to-end test and the
+    # browser test's https origin
     openssl
 )
 # Node and npm may come with the machine; Debian's own are the fallback.
