@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "config/OwnFileChecks.h"
 #include "config/TemporaryFolder.h"
 
 namespace velmora {
@@ -124,6 +125,26 @@ TEST_F(XdgAutostartLoginItemTest, WithoutConfigHomeTheFolderIsUnderHome) {
     ScopedEnvironment home("HOME", "/home/someone");
     EXPECT_EQ(XdgAutostartLoginItem::defaultAutostartFolder(),
               std::filesystem::path("/home/someone/.config/autostart"));
+}
+
+TEST_F(XdgAutostartLoginItemTest, TheEntryIsReadableByTheDesktopAndItsNewFolderPrivate) {
+    item.registerItem();
+    EXPECT_EQ(testing::modeOf(entry), 0644u);
+    EXPECT_EQ(testing::modeOf(entry.parent_path()), 0700u);
+    for (const auto& file : std::filesystem::directory_iterator(entry.parent_path())) {
+        EXPECT_EQ(file.path(), entry) << "a temporary file was left behind";
+    }
+}
+
+// A link planted where the entry goes is never written through: the file it points at (here a
+// file of the user's that the helper must not touch) keeps its content.
+TEST_F(XdgAutostartLoginItemTest, APlantedLinkIsNotWrittenThrough) {
+    writeText(configHome / "victim.txt", "precious");
+    std::filesystem::create_directories(entry.parent_path());
+    std::filesystem::create_symlink(configHome / "victim.txt", entry);
+    EXPECT_THROW(item.registerItem(), LoginItemError);
+    EXPECT_EQ(readText(configHome / "victim.txt"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(entry));
 }
 
 }  // namespace

@@ -2,22 +2,19 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "app/installer/InstallerError.h"
+#include "config/UserFolders.h"
 
 namespace velmora::AppInstaller {
 
 std::filesystem::path dataHome() {
-    const char* configured = std::getenv("XDG_DATA_HOME");
-    if (configured && std::filesystem::path(configured).is_absolute()) return configured;
-    const char* home = std::getenv("HOME");
-    return std::filesystem::path(home ? home : "/") / ".local" / "share";
+    return UserFolders::dataHome().value_or(std::filesystem::path());
 }
 
 std::filesystem::path targetFolder(const std::filesystem::path& systemFolder,
                                    const std::filesystem::path& userFolder) {
     if (::access(systemFolder.c_str(), W_OK) == 0) return systemFolder;
+    if (userFolder.empty()) throw InstallerError("No home folder was found to install into.");
     std::error_code error;
     std::filesystem::create_directories(userFolder, error);
     if (error) {
