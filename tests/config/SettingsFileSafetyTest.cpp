@@ -1,5 +1,6 @@
 // The settings file is this user's own regular file: links, FIFOs and other users' files planted
 // at its path are refused, never read, written through or replaced.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -77,8 +78,13 @@ TEST_F(SettingsFileSafetyTest, PlantedFifoDoesNotBlockReadsOrWrites) {
         return std::make_tuple(settings.port(), settings.extraOrigins().size(),
                                settings.setPort(5000));
     });
-    ASSERT_EQ(reads.wait_for(std::chrono::seconds(10)), std::future_status::ready)
-        << "opening the FIFO blocked";
+    if (reads.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+        // Let the blocked reader go, so the failure is reported rather than hanging the run.
+        int writer = ::open(file.c_str(), O_WRONLY | O_NONBLOCK);
+        reads.wait();
+        ::close(writer);
+        FAIL() << "opening the FIFO blocked";
+    }
     auto [port, origins, saved] = reads.get();
     EXPECT_EQ(port, 52849);
     EXPECT_EQ(origins, 0u);
