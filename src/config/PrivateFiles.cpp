@@ -61,7 +61,10 @@ std::optional<std::string> makeFolder(const std::filesystem::path& folder, bool 
             return "can't be created: " + errnoText(errno);
         }
     }
-    int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // The helper's own folder is never a link; a shared one (~/.config/autostart) may be the
+    // user's link into a dotfiles checkout, and is still checked to be this user's.
+    int descriptor = ::open(folder.c_str(),
+                            O_RDONLY | O_DIRECTORY | O_CLOEXEC | (narrowExisting ? O_NOFOLLOW : 0));
     if (descriptor < 0) {
         if (errno == ELOOP) return "is a symbolic link";
         if (errno == ENOTDIR) return "is not a folder";

@@ -13,9 +13,10 @@ namespace velmora::PrivateFiles {
 // symbolic link, never another user's file or a device, FIFO or socket planted in their place.
 // Failures are returned as text that reads after "it " or "the folder ... " in a log line.
 
-// Creates `folder` and its missing parents with mode 0700. An existing `folder` must be a real
-// folder of this user (not a link); with `narrowExisting` it is narrowed to 0700 (the helper's
-// own folders, not shared ones such as the autostart folder). The reason on failure.
+// Creates `folder` and its missing parents with mode 0700. An existing `folder` must be a folder
+// of this user. With `narrowExisting` (the helper's own folders) it must not be a link and is
+// narrowed to 0700; without (folders shared with other programs, such as the autostart folder)
+// it keeps its mode and may be the user's link to a folder. The reason on failure.
 std::optional<std::string> makeFolder(const std::filesystem::path& folder,
                                       bool narrowExisting = true);
 

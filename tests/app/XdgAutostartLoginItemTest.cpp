@@ -147,5 +147,17 @@ TEST_F(XdgAutostartLoginItemTest, APlantedLinkIsNotWrittenThrough) {
     EXPECT_TRUE(std::filesystem::is_symlink(entry));
 }
 
+// The autostart folder is the desktop's, and may be the user's own link into a dotfiles
+// checkout; the entry itself is still never reached through a link.
+TEST_F(XdgAutostartLoginItemTest, AnAutostartFolderLinkedByTheUserIsUsed) {
+    std::filesystem::create_directories(configHome / "dotfiles/autostart");
+    std::filesystem::create_directory_symlink(configHome / "dotfiles/autostart",
+                                              entry.parent_path());
+    item.registerItem();
+    EXPECT_EQ(item.status(), Status::enabled);
+    EXPECT_TRUE(std::filesystem::is_regular_file(
+        std::filesystem::symlink_status(configHome / "dotfiles/autostart" / entry.filename())));
+}
+
 }  // namespace
 }  // namespace velmora
