@@ -77,6 +77,7 @@ class HelperSettings final {
     // access and normalisation: never while logging or calling other parts, never nested.
     mutable std::mutex lock_;
     std::filesystem::path file_;
+    // The settings without a file; its own lock is taken last, and only around the object.
     std::unique_ptr<SettingsMemory> memory_;
     // The last refusal logged, so a planted file is logged once, not at every read.
     mutable std::mutex reportLock_;

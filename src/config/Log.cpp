@@ -1,10 +1,9 @@
 #include "config/Log.h"
 
 #include <syslog.h>
-
 #include <systemd/sd-journal.h>
-#include <cstdio>
 
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <optional>

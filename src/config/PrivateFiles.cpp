@@ -88,6 +88,9 @@ Opened open(const std::filesystem::path& file, int flags, std::optional<mode_t> 
     Opened opened;
     // Non-blocking so that a FIFO planted at the path can't hold the caller; cleared below.
     const int common = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    // Truncated only once it is known to be ours, never another user's file on the way.
+    const bool truncate = (flags & O_TRUNC) != 0;
+    flags &= ~O_TRUNC;
     int descriptor = ::open(file.c_str(), flags | common);
     if (descriptor < 0 && errno == ENOENT && createMode) {
         descriptor = ::open(file.c_str(), flags | common | O_CREAT | O_EXCL, *createMode);
@@ -95,7 +98,7 @@ Opened open(const std::filesystem::path& file, int flags, std::optional<mode_t> 
     if (descriptor < 0) {
         int error = errno;
         struct stat info {};
-        if (error == ENOENT) {
+        if (error == ENOENT || error == ENOTDIR) {  // nothing there, or no folder for it
             opened.missing = true;
             opened.problem = "does not exist";
         } else if (::lstat(file.c_str(), &info) == 0 && !refusal(info).empty()) {
@@ -112,6 +115,9 @@ Opened open(const std::filesystem::path& file, int flags, std::optional<mode_t> 
     } else {
         opened.problem = refusal(info);
         opened.refused = !opened.problem.empty();
+    }
+    if (opened.problem.empty() && truncate && ::ftruncate(descriptor, 0) != 0) {
+        opened.problem = "can't be emptied: " + errnoText(errno);
     }
     if (opened.problem.empty()) {
         int status = ::fcntl(descriptor, F_GETFL);

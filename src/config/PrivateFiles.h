@@ -32,7 +32,8 @@ struct Opened {
 
 // Opens an existing file with `flags` (O_RDONLY, O_WRONLY | O_APPEND, ...) without following a
 // link and without blocking on a FIFO; refuses anything but a regular file owned by this user.
-// With `createMode` a missing file is created new (never through a dangling link).
+// With `createMode` a missing file is created new (never through a dangling link). O_TRUNC
+// empties the file only after these checks.
 Opened open(const std::filesystem::path& file, int flags,
             std::optional<mode_t> createMode = std::nullopt);
 

@@ -71,6 +71,15 @@ TEST(WavWriter, TheFileIsPrivateAndAPlantedLinkIsRefused) {
     EXPECT_EQ(writeFloatWav(folder / "planted.wav", 16000, samples),
               "Could not create " + (folder / "planted.wav").string() + ": it is a symbolic link.");
     EXPECT_EQ(testing::readText(folder / "victim.txt"), "precious");
+
+    // Another user's file that this one may write to is neither emptied nor written.
+    testing::writeText(folder / "theirs.wav", "their recording");
+    ::chmod((folder / "theirs.wav").c_str(), 0666);
+    if (!testing::giveToNobody(folder / "theirs.wav")) {
+        GTEST_SKIP() << "handing a file to another user needs root";
+    }
+    EXPECT_NE(writeFloatWav(folder / "theirs.wav", 16000, samples), "");
+    EXPECT_EQ(testing::readText(folder / "theirs.wav"), "their recording");
 }
 
 }  // namespace
