@@ -131,6 +131,25 @@ TEST_F(OtherCopies, ALeftoverLockFileOfAnEndedCopyIsNoCopy) {
     EXPECT_TRUE(bystander.isRunning());
 }
 
+// Only the kernel's word counts: a lock file that names one process while another holds it
+// gets neither of them signalled.
+TEST_F(OtherCopies, ALockFileNamingAnotherProcessThanItsHolderIsNoCopy) {
+    RunningCopy holder(locks, false);
+    ChildProcess named([] {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            for (;;) ::pause();
+        }
+        return pid;
+    }());
+    std::filesystem::rename(locks / ("running-" + std::to_string(holder.pid()) + ".lock"),
+                            locks / ("running-" + std::to_string(named.pid()) + ".lock"));
+    EXPECT_THAT(AppInstaller::otherCopies(locks), IsEmpty());
+    AppInstaller::quitOtherCopies(locks, CountingTurns().turn());
+    EXPECT_TRUE(holder.isRunning());
+    EXPECT_TRUE(named.isRunning());
+}
+
 TEST_F(OtherCopies, AnotherUsersLockFileIsIgnored) {
     RunningCopy copy(locks, false);
     const auto file = locks / ("running-" + std::to_string(copy.pid()) + ".lock");
