@@ -225,8 +225,9 @@ main() {
         base64 -w0)
 
     step "build the packages in $build"
+    # With the test switches, so the install offer on the image can be answered unattended.
     cmake --preset release -B "$build" -DVELMORA_PRODUCTION_KEY="$production_key" \
-        -DVELMORA_BUILD_TESTS=OFF -DVELMORA_BUILD_BENCHMARKS=OFF >/dev/null
+        -DVELMORA_BUILD_TESTS=OFF -DVELMORA_BUILD_BENCHMARKS=OFF -DVELMORA_TEST_SWITCHES=ON >/dev/null
     cmake --build "$build" -j "$(nproc)" --target package >/dev/null
     local deb pass_deb
     deb=$(ls "$PWD/$build"/velmora-audio-helper_*.deb)

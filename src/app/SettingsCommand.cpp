@@ -22,12 +22,18 @@ constexpr const char* acceptedShapes =
     "or a host followed by \":*\" for any port, such as http://localhost:*.\n"
     "Paths, queries, fragments, user names and \"*\" in the host are not accepted.";
 
+// Where the settings are kept, for people.
+std::string fileName(const HelperSettings& settings) {
+    if (settings.isInMemory()) return "memory only (no home folder was found)";
+    return settings.file().string();
+}
+
 void printUsage(std::ostream& stream, const HelperSettings& settings) {
     stream << "Usage: velmora-audio-helper settings [COMMAND]\n"
               "\n"
               "Shows or changes the helper's saved settings, kept in\n"
               "  "
-           << settings.file().string()
+           << fileName(settings)
            << "\n"
               "\n"
               "Commands:\n"
@@ -62,8 +68,8 @@ std::vector<std::string> ignoredEntries(const HelperSettings& settings) {
 
 int show(const HelperSettings& settings, std::ostream& out) {
     std::error_code error;
-    bool exists = std::filesystem::exists(settings.file(), error);
-    out << "Settings file:    " << settings.file().string() << (exists ? "" : " (not created yet)")
+    bool exists = settings.isInMemory() || std::filesystem::exists(settings.file(), error);
+    out << "Settings file:    " << fileName(settings) << (exists ? "" : " (not created yet)")
         << "\n";
     if (auto problem = settings.fileProblem()) {
         out << "                  The file can't be used (" << *problem
@@ -128,8 +134,8 @@ int setPort(const std::vector<std::string>& args, HelperSettings& settings, std:
         return exitUsage;
     }
     if (!settings.setPort(*port)) {
-        err << "velmora-audio-helper settings: couldn't save the port to "
-            << settings.file().string() << " (the helper's log says why).\n";
+        err << "velmora-audio-helper settings: couldn't save the port to " << fileName(settings)
+            << " (the helper's log says why).\n";
         return exitFailed;
     }
     out << "Port set to " << *port
@@ -160,8 +166,8 @@ int saveOrigins(const std::vector<std::string>& origins, HelperSettings& setting
                 std::ostream& out, std::ostream& err) {
     std::vector<std::string> dropped = ignoredEntries(settings);
     if (!settings.setExtraOrigins(origins)) {
-        err << "velmora-audio-helper settings: couldn't save the origins to "
-            << settings.file().string() << " (the helper's log says why).\n";
+        err << "velmora-audio-helper settings: couldn't save the origins to " << fileName(settings)
+            << " (the helper's log says why).\n";
         return exitFailed;
     }
     for (const std::string& entry : dropped) {

@@ -1,10 +1,17 @@
 #include "app/WavWriter.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <bit>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
+#include <string_view>
 #include <vector>
+
+#include "config/PrivateFiles.h"
 
 namespace velmora {
 namespace {
@@ -20,6 +27,16 @@ void putU16(std::vector<char>& out, std::uint16_t value) {
 
 void putTag(std::vector<char>& out, const char* tag) {
     out.insert(out.end(), tag, tag + 4);
+}
+
+bool writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
 }
 
 }  // namespace
@@ -48,15 +65,21 @@ std::string writeFloatWav(const std::filesystem::path& file, int sampleRate,
     putTag(header, "data");
     putU32(header, static_cast<std::uint32_t>(dataBytes));
 
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    if (!out) return "Could not create " + file.string() + ".";
-    out.write(header.data(), static_cast<std::streamsize>(header.size()));
+    // What was heard is private: the file is 0600, this user's own, never reached through a
+    // link or a FIFO planted at the path.
+    PrivateFiles::Opened out = PrivateFiles::open(file, O_WRONLY | O_TRUNC, 0600);
+    if (!out) {
+        return "Could not create " + file.string() + (out.refused ? ": it " + out.problem : "") +
+               ".";
+    }
+    ::fchmod(out.descriptor, 0600);
     // WAV is little-endian, as are the samples on every platform we build for.
     static_assert(std::endian::native == std::endian::little);
-    out.write(reinterpret_cast<const char*>(samples.data()),
-              static_cast<std::streamsize>(dataBytes));
-    out.close();
-    if (!out) return "Could not write " + file.string() + ".";
+    bool written = writeAll(out.descriptor, {header.data(), header.size()}) &&
+                   writeAll(out.descriptor, {reinterpret_cast<const char*>(samples.data()),
+                                             static_cast<std::size_t>(dataBytes)});
+    if (::close(out.descriptor) != 0) written = false;
+    if (!written) return "Could not write " + file.string() + ".";
     return {};
 }
 

@@ -1,16 +1,18 @@
 #include "app/XdgAutostartLoginItem.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <system_error>
+
+#include "config/PrivateFiles.h"
+#include "config/UserFolders.h"
 
 namespace velmora {
 namespace {
@@ -23,10 +25,18 @@ std::filesystem::path runningExecutable() {
     return error ? std::filesystem::path("velmora-audio-helper") : path;
 }
 
-// The keys of the [Desktop Entry] group; absent when the file can't be read.
+// The keys of the [Desktop Entry] group; absent when the file can't be read or is not this
+// user's regular file.
 std::optional<std::map<std::string, std::string>> readEntry(const std::filesystem::path& file) {
-    std::ifstream stream(file);
-    if (!stream) return std::nullopt;
+    PrivateFiles::Opened opened = PrivateFiles::open(file, O_RDONLY);
+    if (!opened) return std::nullopt;
+    std::string content;
+    char buffer[4096];
+    for (ssize_t count; (count = ::read(opened.descriptor, buffer, sizeof buffer)) > 0;) {
+        content.append(buffer, static_cast<std::size_t>(count));
+    }
+    ::close(opened.descriptor);
+    std::istringstream stream(content);
     std::map<std::string, std::string> keys;
     bool inMainGroup = false;
     std::string line;
@@ -107,12 +117,8 @@ XdgAutostartLoginItem::XdgAutostartLoginItem(std::filesystem::path autostartFold
       executable_(std::move(executable)) {}
 
 std::filesystem::path XdgAutostartLoginItem::defaultAutostartFolder() {
-    const char* configHome = std::getenv("XDG_CONFIG_HOME");
-    if (configHome != nullptr && configHome[0] == '/') {
-        return std::filesystem::path(configHome) / "autostart";
-    }
-    const char* home = std::getenv("HOME");
-    return std::filesystem::path(home != nullptr ? home : "/") / ".config" / "autostart";
+    std::optional<std::filesystem::path> configHome = UserFolders::configHome();
+    return configHome ? *configHome / "autostart" : std::filesystem::path();
 }
 
 LoginItemService::Status XdgAutostartLoginItem::status() {
@@ -128,29 +134,15 @@ void XdgAutostartLoginItem::registerItem() {
                              " was not written by Velmora Audio Helper and switches it off; it "
                              "was left unchanged.");
     }
-    std::error_code error;
-    std::filesystem::create_directories(folder_, error);
-    if (error) fail("create", folder_, error);
-
-    // Written beside the entry and renamed over it, so the desktop never reads half a file.
-    std::filesystem::path partial = entryFile_;
-    partial += ".partial";
-    {
-        std::ofstream stream(partial, std::ios::binary | std::ios::trunc);
-        if (!stream) fail("write", partial, std::error_code(errno, std::generic_category()));
-        stream << entryText(executable_);
-        stream.flush();
-        if (!stream) {
-            auto writeError = std::error_code(errno, std::generic_category());
-            std::filesystem::remove(partial, error);
-            fail("write", partial, writeError);
-        }
+    if (folder_.empty()) {
+        throw LoginItemError("No home folder was found to keep the autostart entry in.");
     }
-    std::filesystem::rename(partial, entryFile_, error);
-    if (error) {
-        std::error_code ignored;
-        std::filesystem::remove(partial, ignored);
-        fail("write", entryFile_, error);
+    // Readable by the desktop session; written beside the entry and renamed over it, so the
+    // desktop never reads half a file and a link planted in its place is never written through.
+    // The autostart folder is shared with other programs, so an existing one keeps its mode.
+    if (auto failure = PrivateFiles::replace(entryFile_, entryText(executable_), 0644,
+                                             /*narrowFolder=*/false)) {
+        throw LoginItemError("Could not write " + entryFile_.string() + ": " + *failure + ".");
     }
 }
 

@@ -1,7 +1,6 @@
 #include "config/HelperSettings.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,8 +18,16 @@
 #include "config/AudioKit.h"
 #include "config/HelperInfo.h"
 #include "config/Log.h"
+#include "config/PrivateFiles.h"
+#include "config/UserFolders.h"
 
 namespace velmora {
+
+struct SettingsMemory {
+    std::mutex lock;
+    nlohmann::json object = nlohmann::json::object();
+};
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -39,19 +46,24 @@ std::string errnoText(int error) {
 struct Loaded {
     Json object = Json::object();
     bool exists = false;
+    // Something stands at the path that is not this user's regular file: it is never read,
+    // written through or moved.
+    bool refused = false;
     std::optional<std::string> problem;
 };
 
 Loaded load(const fs::path& file) {
     Loaded loaded;
-    int descriptor = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
-        if (errno != ENOENT && errno != ENOTDIR) {
+    PrivateFiles::Opened opened = PrivateFiles::open(file, O_RDONLY);
+    if (!opened) {
+        if (!opened.missing) {
             loaded.exists = true;
-            loaded.problem = "it can't be opened: " + errnoText(errno);
+            loaded.refused = opened.refused;
+            loaded.problem = "it " + opened.problem;
         }
         return loaded;
     }
+    const int descriptor = opened.descriptor;
     loaded.exists = true;
     std::string text;
     char buffer[8192];
@@ -120,16 +132,6 @@ std::string localStampForFileName() {
     return text;
 }
 
-// The file a write replaces: a symbolic link (a dotfiles checkout, say) keeps pointing at it.
-fs::path writeTarget(const fs::path& file) {
-    std::error_code error;
-    if (fs::is_symlink(fs::symlink_status(file, error))) {
-        fs::path resolved = fs::weakly_canonical(file, error);
-        if (!error) return resolved;
-    }
-    return file;
-}
-
 // Moves an unusable file to "<name>.unreadable-<time>" beside it; the path it went to.
 std::optional<fs::path> moveAside(const fs::path& file, std::string& failure) {
     const std::string base = file.string() + ".unreadable-" + localStampForFileName();
@@ -145,76 +147,17 @@ std::optional<fs::path> moveAside(const fs::path& file, std::string& failure) {
     return aside;
 }
 
-bool writeAll(int descriptor, const std::string& text) {
-    const char* data = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        ssize_t written = ::write(descriptor, data, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
-        data += written;
-        left -= static_cast<std::size_t>(written);
-    }
-    return true;
-}
-
-// Replaces `target` with `text` so that a reader sees either the old or the new file, never a
-// part: a temporary file in the same folder, flushed to disk, then renamed over it.
-bool replaceFile(const fs::path& target, const std::string& text, std::string& failure) {
-    static std::atomic<unsigned> counter{0};
-    const fs::path folder = target.parent_path().empty() ? fs::path(".") : target.parent_path();
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (error) {
-        failure = "the folder " + folder.string() + " can't be created: " + error.message();
-        return false;
-    }
-    const fs::path temporary =
-        folder / ("." + target.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" +
-                  std::to_string(counter.fetch_add(1)));
-    int descriptor = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (descriptor < 0) {
-        failure =
-            "a temporary file can't be created in " + folder.string() + ": " + errnoText(errno);
-        return false;
-    }
-    struct stat existing {};
-    if (::stat(target.c_str(), &existing) == 0 && S_ISREG(existing.st_mode)) {
-        ::fchmod(descriptor, existing.st_mode & 07777);  // keep a mode the user chose
-    }
-    bool written = writeAll(descriptor, text);
-    int writeError = errno;
-    bool synced = written && ::fsync(descriptor) == 0;
-    int syncError = errno;
-    bool closed = ::close(descriptor) == 0;
-    if (!written || !synced || !closed) {
-        failure = "writing " + temporary.string() + " failed: " +
-                  errnoText(!written  ? writeError
-                            : !synced ? syncError
-                                      : errno);
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        failure = "it can't be replaced: " + errnoText(errno);
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    // Make the rename itself durable; a failure here leaves a correct file, so it is ignored.
-    int folderDescriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folderDescriptor >= 0) {
-        ::fsync(folderDescriptor);
-        ::close(folderDescriptor);
-    }
-    return true;
-}
-
 // Reads the file, applies `change` to its object and writes it back, keeping keys it doesn't
 // know. The caller holds the store's lock; log lines are returned for after it is released.
 bool updateFile(const fs::path& file, const std::function<void(Json&)>& change,
                 std::vector<std::string>& logLines) {
-    const fs::path target = writeTarget(file);
+    const fs::path& target = file;
     Loaded loaded = load(target);
+    if (loaded.refused) {
+        logLines.push_back("Couldn't save the settings to " + target.string() + ": " +
+                           *loaded.problem + "; it was left alone.");
+        return false;
+    }
     if (loaded.problem) {
         std::string failure;
         std::optional<fs::path> aside = moveAside(target, failure);
@@ -228,9 +171,8 @@ bool updateFile(const fs::path& file, const std::function<void(Json&)>& change,
                            " and started a new one.");
     }
     change(loaded.object);
-    std::string failure;
-    if (!replaceFile(target, loaded.object.dump(2) + "\n", failure)) {
-        logLines.push_back("Couldn't save the settings to " + target.string() + ": " + failure);
+    if (auto failure = PrivateFiles::replace(target, loaded.object.dump(2) + "\n", 0600)) {
+        logLines.push_back("Couldn't save the settings to " + target.string() + ": " + *failure);
         return false;
     }
     return true;
@@ -249,34 +191,45 @@ std::vector<std::string> normalised(const std::vector<std::string>& entries) {
     return patterns;
 }
 
-fs::path homeFolder() {
-    const char* home = std::getenv("HOME");
-    if (home != nullptr && home[0] == '/') return home;
-    passwd entry{};
-    passwd* found = nullptr;
-    char buffer[4096];
-    if (::getpwuid_r(::getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr &&
-        found->pw_dir != nullptr && found->pw_dir[0] == '/') {
-        return found->pw_dir;
-    }
-    return fs::temp_directory_path();
+// The loaded object of the file, or of the in-memory store when there is no file.
+Loaded loadSettings(const fs::path& file, SettingsMemory& memory) {
+    if (!file.empty()) return load(file);
+    Loaded loaded;
+    std::lock_guard guard(memory.lock);
+    loaded.object = memory.object;
+    return loaded;
 }
 
 }  // namespace
 
 HelperSettings& HelperSettings::shared() {
-    static HelperSettings instance(defaultFile());
+    static HelperSettings instance([] {
+        fs::path file = defaultFile();
+        if (file.empty() && UserFolders::claimNoHomeNotice()) log(UserFolders::noHomeNotice);
+        return file;
+    }());
     return instance;
 }
 
-HelperSettings::HelperSettings(std::filesystem::path file) : file_(std::move(file)) {}
+HelperSettings::HelperSettings(std::filesystem::path file)
+    : file_(std::move(file)), memory_(std::make_unique<SettingsMemory>()) {}
+
+HelperSettings::~HelperSettings() = default;
 
 std::filesystem::path HelperSettings::defaultFile() {
-    const char* configHome = std::getenv("XDG_CONFIG_HOME");
-    // Relative values are invalid by the XDG rules and are ignored.
-    fs::path base = (configHome != nullptr && configHome[0] == '/') ? fs::path(configHome)
-                                                                    : homeFolder() / ".config";
-    return base / HelperInfo::appId / "settings.json";
+    std::optional<fs::path> base = UserFolders::configHome();
+    if (!base) return {};
+    return *base / HelperInfo::appId / "settings.json";
+}
+
+void HelperSettings::noteRefusal(bool refused, const std::optional<std::string>& problem) const {
+    {
+        std::lock_guard guard(reportLock_);
+        if (!refused || !problem || *problem == lastRefusal_) return;
+        lastRefusal_ = *problem;
+    }
+    log("The settings file " + file_.string() + " can't be used: " + *problem +
+        "; it was left alone and the defaults apply.");
 }
 
 std::uint16_t HelperSettings::port() const {
@@ -285,39 +238,47 @@ std::uint16_t HelperSettings::port() const {
     return HelperInfo::defaultPort;
 }
 
-bool HelperSettings::setPort(std::int64_t port) {
+bool HelperSettings::update(const std::function<void(nlohmann::json&)>& change) {
     std::vector<std::string> logLines;
-    bool saved;
+    bool saved = true;
     {
         std::lock_guard guard(lock_);
-        saved = updateFile(
-            file_, [port](Json& object) { object[portKey] = port; }, logLines);
+        if (file_.empty()) {
+            std::lock_guard memoryGuard(memory_->lock);
+            change(memory_->object);
+        } else {
+            saved = updateFile(file_, change, logLines);
+        }
     }
     logAll(logLines);
     return saved;
 }
 
+bool HelperSettings::setPort(std::int64_t port) {
+    return update([port](Json& object) { object[portKey] = port; });
+}
+
 bool HelperSettings::hasShownWelcome() const {
-    Loaded loaded = load(file_);
+    Loaded loaded = loadSettings(file_, *memory_);
+    noteRefusal(loaded.refused, loaded.problem);
     auto found = loaded.object.find(hasShownWelcomeKey);
     return found != loaded.object.end() && found->is_boolean() && found->get<bool>();
 }
 
 bool HelperSettings::setHasShownWelcome(bool shown) {
-    std::vector<std::string> logLines;
-    bool saved;
-    {
-        std::lock_guard guard(lock_);
-        saved = updateFile(
-            file_, [shown](Json& object) { object[hasShownWelcomeKey] = shown; }, logLines);
-    }
-    logAll(logLines);
-    return saved;
+    return update([shown](Json& object) { object[hasShownWelcomeKey] = shown; });
 }
 
 std::vector<std::string> HelperSettings::extraOrigins() const {
-    std::lock_guard guard(lock_);
-    return normalised(stringArrayValue(load(file_).object, extraOriginsKey));
+    Loaded loaded;
+    std::vector<std::string> patterns;
+    {
+        std::lock_guard guard(lock_);
+        loaded = loadSettings(file_, *memory_);
+        patterns = normalised(stringArrayValue(loaded.object, extraOriginsKey));
+    }
+    noteRefusal(loaded.refused, loaded.problem);
+    return patterns;
 }
 
 bool HelperSettings::setExtraOrigins(const std::vector<std::string>& origins) {
@@ -328,15 +289,7 @@ bool HelperSettings::setExtraOrigins(const std::vector<std::string>& origins) {
         bool isRepeat = std::find(kept.begin(), kept.end(), pattern) != kept.end();
         if (!isBuiltIn && !isRepeat) kept.push_back(pattern);
     }
-    std::vector<std::string> logLines;
-    bool saved;
-    {
-        std::lock_guard guard(lock_);
-        saved = updateFile(
-            file_, [&kept](Json& object) { object[extraOriginsKey] = kept; }, logLines);
-    }
-    logAll(logLines);
-    return saved;
+    return update([&kept](Json& object) { object[extraOriginsKey] = kept; });
 }
 
 bool HelperSettings::isOriginAllowed(const std::optional<std::string>& origin) const {
@@ -356,15 +309,19 @@ void HelperSettings::installAsKitHooks() {
 }
 
 std::optional<std::int64_t> HelperSettings::savedPort() const {
-    return integerValue(load(file_).object, portKey);
+    Loaded loaded = loadSettings(file_, *memory_);
+    noteRefusal(loaded.refused, loaded.problem);
+    return integerValue(loaded.object, portKey);
 }
 
 std::vector<std::string> HelperSettings::savedExtraOrigins() const {
-    return stringArrayValue(load(file_).object, extraOriginsKey);
+    Loaded loaded = loadSettings(file_, *memory_);
+    noteRefusal(loaded.refused, loaded.problem);
+    return stringArrayValue(loaded.object, extraOriginsKey);
 }
 
 std::optional<std::string> HelperSettings::fileProblem() const {
-    return load(file_).problem;
+    return loadSettings(file_, *memory_).problem;
 }
 
 }  // namespace velmora

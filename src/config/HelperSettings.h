@@ -2,30 +2,42 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace velmora {
 
+struct SettingsMemory;
+
 // The user's saved settings: a small JSON object in a per-user file with the keys "port",
 // "extraOrigins" and "hasShownWelcome". Nothing is cached: every read reads the file again, so an
 // edit made while the helper runs applies at its next use. Safe to use from any thread.
+// The file is this user's own regular file (0600, in a 0700 folder); a link, FIFO or another
+// user's file at its path is never read, written through or replaced, and is logged. Without a
+// file (no home folder) the settings live in memory for the process.
 class HelperSettings final {
   public:
     // The store behind the default file, created on first use and kept for the process.
     static HelperSettings& shared();
 
+    // The store of `file`; in memory when it is empty.
     explicit HelperSettings(std::filesystem::path file);
+    ~HelperSettings();
 
     HelperSettings(const HelperSettings&) = delete;
     HelperSettings& operator=(const HelperSettings&) = delete;
 
     // $XDG_CONFIG_HOME/velmora-audio-helper/settings.json, where XDG_CONFIG_HOME defaults to
-    // ~/.config.
+    // ~/.config; empty without a home folder.
     static std::filesystem::path defaultFile();
+    // The file, empty when the settings are kept in memory.
     const std::filesystem::path& file() const { return file_; }
+    bool isInMemory() const { return file_.empty(); }
 
     // The saved port when it is 1...65535; otherwise (unset, 0, negative, too large, not an
     // integer) HelperInfo::defaultPort.
@@ -65,6 +77,14 @@ class HelperSettings final {
     // access and normalisation: never while logging or calling other parts, never nested.
     mutable std::mutex lock_;
     std::filesystem::path file_;
+    // The settings without a file; its own lock is taken last, and only around the object.
+    std::unique_ptr<SettingsMemory> memory_;
+    // The last refusal logged, so a planted file is logged once, not at every read.
+    mutable std::mutex reportLock_;
+    mutable std::string lastRefusal_;
+
+    bool update(const std::function<void(nlohmann::json&)>& change);
+    void noteRefusal(bool refused, const std::optional<std::string>& problem) const;
 };
 
 }  // namespace velmora

@@ -1,27 +1,25 @@
 #include "config/LogFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
+
+#include "config/PrivateFiles.h"
+#include "config/UserFolders.h"
 
 namespace velmora {
 
-LogFile::LogFile(std::filesystem::path folder, std::string fileName)
-    : folder_(std::move(folder)), path_(folder_ / fileName) {}
+LogFile::LogFile(std::filesystem::path folder, std::string fileName) : folder_(std::move(folder)) {
+    if (!folder_.empty()) path_ = folder_ / fileName;
+}
 
 std::filesystem::path LogFile::defaultFolder() {
-    const char* state = std::getenv("XDG_STATE_HOME");
-    std::filesystem::path base;
-    if (state != nullptr && state[0] == '/') {
-        base = state;
-    } else {
-        const char* home = std::getenv("HOME");
-        base = std::filesystem::path(home != nullptr ? home : "/tmp") / ".local" / "state";
-    }
-    return base / "velmora-audio-helper";
+    std::optional<std::filesystem::path> state = UserFolders::stateHome();
+    if (!state) return {};
+    return *state / "velmora-audio-helper";
 }
 
 std::string LogFile::stamp(std::chrono::system_clock::time_point time) {
@@ -39,16 +37,19 @@ std::string LogFile::stamp(std::chrono::system_clock::time_point time) {
 }
 
 void LogFile::prepareOnce() {
-    if (prepared_) return;
+    if (prepared_ || folder_.empty()) return;
     prepared_ = true;
-    std::error_code ignored;
-    std::filesystem::create_directories(folder_, ignored);
-    // No rotation: an oversized file from earlier runs is dropped once, at the run's first write.
-    auto size = std::filesystem::file_size(path_, ignored);
-    if (!ignored && size > sizeCap) std::filesystem::remove(path_, ignored);
+    if (PrivateFiles::makeFolder(folder_)) return;  // the open below then fails and says why
+    // No rotation: an oversized file from earlier runs is dropped once, at the run's first
+    // write; only a regular file, never what a link points at.
+    struct stat info {};
+    if (::lstat(path_.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == ::geteuid() &&
+        static_cast<std::uintmax_t>(info.st_size) > sizeCap) {
+        ::unlink(path_.c_str());
+    }
 }
 
-void LogFile::write(std::string_view message) {
+std::optional<std::string> LogFile::write(std::string_view message) {
     prepareOnce();
     std::string line = stamp(std::chrono::system_clock::now());
     line += ' ';
@@ -58,19 +59,26 @@ void LogFile::write(std::string_view message) {
     if (isatty(STDERR_FILENO) == 1) {
         [[maybe_unused]] auto written = ::write(STDERR_FILENO, line.data(), line.size());
     }
+    if (path_.empty()) return std::nullopt;
 
-    int fd = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    if (fd < 0) fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return;
+    PrivateFiles::Opened file = PrivateFiles::open(path_, O_WRONLY | O_APPEND, 0600);
+    if (!file) {
+        // A missing folder or a full disk is swallowed like any write failure; a thing planted
+        // where the log belongs is reported.
+        if (!file.refused) return std::nullopt;
+        return "The log file " + path_.string() + " " + file.problem +
+               "; it was left alone and lines go to the system log only.";
+    }
     const char* data = line.data();
     std::size_t left = line.size();
     while (left > 0) {
-        auto written = ::write(fd, data, left);
+        auto written = ::write(file.descriptor, data, left);
         if (written <= 0) break;
         data += written;
         left -= static_cast<std::size_t>(written);
     }
-    ::close(fd);
+    ::close(file.descriptor);
+    return std::nullopt;
 }
 
 }  // namespace velmora

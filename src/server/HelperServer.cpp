@@ -359,7 +359,8 @@ bool HelperServer::admitLocked(const WebSocketSession::UpgradeRequest& request) 
     }
     auto isOriginAllowed = AudioKit::config().isOriginAllowed;
     if (!isOriginAllowed || !isOriginAllowed(origin)) {
-        log("Rejected connection from origin " + origin.value_or("(none)"));
+        log("Rejected connection from origin " +
+            (origin ? visibleInLog(*origin) : std::string("(none)")));
         return false;
     }
     lastAcceptedOrigin_ = origin.value_or("");

@@ -1,12 +1,16 @@
 #include "app/WavWriter.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <vector>
+
+#include "config/OwnFileChecks.h"
+#include "config/TemporaryFolder.h"
 
 namespace velmora {
 namespace {
@@ -46,6 +50,36 @@ TEST(WavWriter, ReportsAFileItCannotCreate) {
     std::vector<float> samples(10, 0.0f);
     auto problem = writeFloatWav("/nonexistent-folder/x.wav", 16000, samples);
     EXPECT_NE(problem.find("Could not create"), std::string::npos);
+}
+
+// The recording is what other people said: only this user may read it, whatever the umask, and
+// nothing planted at the path (a link to another file) is written through.
+TEST(WavWriter, TheFileIsPrivateAndAPlantedLinkIsRefused) {
+    testing::TemporaryFolder folder;
+    std::vector<float> samples(10, 0.25f);
+    const mode_t oldMask = ::umask(022);
+    EXPECT_EQ(writeFloatWav(folder / "new.wav", 16000, samples), "");
+    testing::writeText(folder / "old.wav", "earlier");
+    ::chmod((folder / "old.wav").c_str(), 0644);
+    EXPECT_EQ(writeFloatWav(folder / "old.wav", 16000, samples), "");
+    ::umask(oldMask);
+    EXPECT_EQ(testing::modeOf(folder / "new.wav"), 0600u);
+    EXPECT_EQ(testing::modeOf(folder / "old.wav"), 0600u);
+
+    testing::writeText(folder / "victim.txt", "precious");
+    std::filesystem::create_symlink(folder / "victim.txt", folder / "planted.wav");
+    EXPECT_EQ(writeFloatWav(folder / "planted.wav", 16000, samples),
+              "Could not create " + (folder / "planted.wav").string() + ": it is a symbolic link.");
+    EXPECT_EQ(testing::readText(folder / "victim.txt"), "precious");
+
+    // Another user's file that this one may write to is neither emptied nor written.
+    testing::writeText(folder / "theirs.wav", "their recording");
+    ::chmod((folder / "theirs.wav").c_str(), 0666);
+    if (!testing::giveToNobody(folder / "theirs.wav")) {
+        GTEST_SKIP() << "handing a file to another user needs root";
+    }
+    EXPECT_NE(writeFloatWav(folder / "theirs.wav", 16000, samples), "");
+    EXPECT_EQ(testing::readText(folder / "theirs.wav"), "their recording");
 }
 
 }  // namespace

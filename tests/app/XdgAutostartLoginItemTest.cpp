@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "config/OwnFileChecks.h"
 #include "config/TemporaryFolder.h"
 
 namespace velmora {
@@ -124,6 +125,38 @@ TEST_F(XdgAutostartLoginItemTest, WithoutConfigHomeTheFolderIsUnderHome) {
     ScopedEnvironment home("HOME", "/home/someone");
     EXPECT_EQ(XdgAutostartLoginItem::defaultAutostartFolder(),
               std::filesystem::path("/home/someone/.config/autostart"));
+}
+
+TEST_F(XdgAutostartLoginItemTest, TheEntryIsReadableByTheDesktopAndItsNewFolderPrivate) {
+    item.registerItem();
+    EXPECT_EQ(testing::modeOf(entry), 0644u);
+    EXPECT_EQ(testing::modeOf(entry.parent_path()), 0700u);
+    for (const auto& file : std::filesystem::directory_iterator(entry.parent_path())) {
+        EXPECT_EQ(file.path(), entry) << "a temporary file was left behind";
+    }
+}
+
+// A link planted where the entry goes is never written through: the file it points at (here a
+// file of the user's that the helper must not touch) keeps its content.
+TEST_F(XdgAutostartLoginItemTest, APlantedLinkIsNotWrittenThrough) {
+    writeText(configHome / "victim.txt", "precious");
+    std::filesystem::create_directories(entry.parent_path());
+    std::filesystem::create_symlink(configHome / "victim.txt", entry);
+    EXPECT_THROW(item.registerItem(), LoginItemError);
+    EXPECT_EQ(readText(configHome / "victim.txt"), "precious");
+    EXPECT_TRUE(std::filesystem::is_symlink(entry));
+}
+
+// The autostart folder is the desktop's, and may be the user's own link into a dotfiles
+// checkout; the entry itself is still never reached through a link.
+TEST_F(XdgAutostartLoginItemTest, AnAutostartFolderLinkedByTheUserIsUsed) {
+    std::filesystem::create_directories(configHome / "dotfiles/autostart");
+    std::filesystem::create_directory_symlink(configHome / "dotfiles/autostart",
+                                              entry.parent_path());
+    item.registerItem();
+    EXPECT_EQ(item.status(), Status::enabled);
+    EXPECT_TRUE(std::filesystem::is_regular_file(
+        std::filesystem::symlink_status(configHome / "dotfiles/autostart" / entry.filename())));
 }
 
 }  // namespace

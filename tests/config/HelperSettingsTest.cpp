@@ -261,16 +261,7 @@ TEST_F(HelperSettingsTest, WriteThatCannotCreateTheFolderFailsAndLogsWhy) {
                                      (folder / "blocker" / "settings.json").string()));
 }
 
-TEST_F(HelperSettingsTest, SymbolicLinkToTheFileStaysALink) {
-    std::filesystem::create_directories(file.parent_path());
-    writeText(folder / "dotfiles" / "settings.json", R"({"port": 4000})");
-    std::filesystem::create_symlink(folder / "dotfiles" / "settings.json", file);
-    ASSERT_TRUE(settings.setPort(5000));
-    EXPECT_TRUE(std::filesystem::is_symlink(file));
-    EXPECT_EQ(Json::parse(readText(folder / "dotfiles" / "settings.json"))["port"], 5000);
-}
-
-TEST_F(HelperSettingsTest, WriteKeepsTheFilesPermissions) {
+TEST_F(HelperSettingsTest, WriteLeavesAPrivateFile) {
     writeText(file, "{}");
     std::filesystem::permissions(
         file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);

@@ -1,17 +1,26 @@
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/HelperApplication.h"
+#include "app/installer/CopyLock.h"
 #ifdef VELMORA_WITH_TRAY
 #include "app/TrayModule.h"
 #endif
 
 int main(int argc, char** argv) {
     std::vector<std::string> args(argv + 1, argv + argc);
+    velmora::HelperArguments arguments = velmora::HelperArguments::parse(args);
+    // The helper itself, with or without its tray, is known to a later install by the lock it
+    // holds for its whole life; commands never take it, so they are never ended by an install.
+    std::unique_ptr<velmora::AppInstaller::CopyLock> copyLock;
+    if (arguments.action == velmora::HelperArguments::Action::runHelper) {
+        copyLock =
+            velmora::AppInstaller::CopyLock::take(velmora::AppInstaller::runningCopiesFolder());
+    }
 #ifdef VELMORA_WITH_TRAY
     // Qt is only loaded for the tray: headless runs and commands never map it.
-    velmora::HelperArguments arguments = velmora::HelperArguments::parse(args);
     if (velmora::wantsTray(arguments)) {
         if (std::optional<int> code = velmora::TrayModule::run(argc, argv, std::cerr)) {
             return *code;

@@ -12,8 +12,8 @@ namespace AppInstaller {
 
 // True when an installed copy is about to start and the caller must exit now; false when the
 // caller should go on launching. `args` are the process's arguments ("--no-install" skips it).
-// With VELMORA_INSTALLER_ANSWER=install (or not-now) in the environment the offer is answered
-// without a dialog, for tests of the whole hand-over.
+// In a build with test switches (never a release), VELMORA_INSTALLER_ANSWER=install (or
+// not-now) in the environment answers the offer without a dialog, for tests of the hand-over.
 bool offerToInstallIfNeeded(const std::vector<std::string>& args);
 
 }  // namespace AppInstaller

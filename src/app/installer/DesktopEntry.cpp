@@ -1,8 +1,7 @@
 #include "app/installer/DesktopEntry.h"
 
-#include <fstream>
-
 #include "app/installer/InstallerError.h"
+#include "config/PrivateFiles.h"
 
 namespace velmora::AppInstaller {
 namespace {
@@ -50,13 +49,13 @@ std::string desktopEntryText(const std::filesystem::path& installedFolder) {
 std::filesystem::path writeDesktopEntry(const std::filesystem::path& installedFolder,
                                         const std::filesystem::path& applicationsFolder) {
     const std::filesystem::path file = applicationsFolder / "velmora-audio-helper.desktop";
-    std::error_code error;
-    std::filesystem::create_directories(applicationsFolder, error);
-    std::ofstream stream(file, std::ios::binary | std::ios::trunc);
-    stream << desktopEntryText(installedFolder);
-    stream.close();
-    if (error || !stream) {
-        throw InstallerError("Couldn't write the menu entry " + file.string() + ".");
+    // Readable by the desktop; written beside the old entry and renamed over it, never through
+    // a link planted in its place. The applications folder is shared with other programs, so
+    // an existing one keeps its mode.
+    if (auto failure = PrivateFiles::replace(file, desktopEntryText(installedFolder), 0644,
+                                             /*narrowFolder=*/false)) {
+        throw InstallerError("Couldn't write the menu entry " + file.string() + " (" + *failure +
+                             ").");
     }
     return file;
 }

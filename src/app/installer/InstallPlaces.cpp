@@ -2,27 +2,25 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "app/installer/InstallerError.h"
+#include "config/PrivateFiles.h"
+#include "config/UserFolders.h"
 
 namespace velmora::AppInstaller {
 
 std::filesystem::path dataHome() {
-    const char* configured = std::getenv("XDG_DATA_HOME");
-    if (configured && std::filesystem::path(configured).is_absolute()) return configured;
-    const char* home = std::getenv("HOME");
-    return std::filesystem::path(home ? home : "/") / ".local" / "share";
+    return UserFolders::dataHome().value_or(std::filesystem::path());
 }
 
 std::filesystem::path targetFolder(const std::filesystem::path& systemFolder,
                                    const std::filesystem::path& userFolder) {
     if (::access(systemFolder.c_str(), W_OK) == 0) return systemFolder;
-    std::error_code error;
-    std::filesystem::create_directories(userFolder, error);
-    if (error) {
-        throw InstallerError("Couldn't create the folder " + userFolder.string() + ": " +
-                             error.message() + ".");
+    if (userFolder.empty()) throw InstallerError("No home folder was found to install into.");
+    // Missing folders are made private, as any per-user folder the helper makes; an existing one
+    // (~/.local/share, shared with other programs) keeps its mode.
+    if (auto problem = PrivateFiles::makeFolder(userFolder, /*narrowExisting=*/false)) {
+        throw InstallerError("Couldn't create the folder " + userFolder.string() + ": it " +
+                             *problem + ".");
     }
     return userFolder;
 }

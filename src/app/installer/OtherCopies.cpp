@@ -1,76 +1,69 @@
 #include "app/installer/OtherCopies.h"
 
+#include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <charconv>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <string_view>
+#include "app/installer/CopyLock.h"
 
 namespace velmora::AppInstaller {
 namespace {
 
-std::optional<pid_t> processNumber(const std::string& name) {
-    pid_t pid = 0;
-    auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), pid);
-    if (error != std::errc() || end != name.data() + name.size() || pid <= 0) return std::nullopt;
-    return pid;
+// A copy held by a process descriptor: signals sent through it reach that process or nobody.
+struct HeldCopy {
+    int descriptor;
+    bool ended = false;
+};
+
+int openProcess(pid_t pid) {
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 }
 
-// A process that has exited but not been reaped by its parent counts as gone.
-bool isRunning(pid_t pid) {
-    if (::kill(pid, 0) != 0) return false;
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    std::getline(stat, text);
-    std::size_t close = text.rfind(')');
-    if (close == std::string::npos || close + 2 >= text.size()) return true;
-    char state = text[close + 2];
-    return state != 'Z' && state != 'X';
+bool sendSignal(int descriptor, int signal) {
+    return ::syscall(SYS_pidfd_send_signal, descriptor, signal, nullptr, 0) == 0;
 }
 
-std::string executableFileName(const std::filesystem::path& processFolder) {
-    std::error_code error;
-    std::string target = std::filesystem::read_symlink(processFolder / "exe", error).string();
-    if (error) return {};
-    // A replaced or trashed executable reads as "<path> (deleted)".
-    constexpr std::string_view deleted = " (deleted)";
-    if (target.ends_with(deleted)) target.resize(target.size() - deleted.size());
-    return std::filesystem::path(target).filename().string();
+// A process descriptor reads as ready once its process has ended (reaped or not).
+bool hasEnded(int descriptor) {
+    pollfd entry{.fd = descriptor, .events = POLLIN, .revents = 0};
+    return ::poll(&entry, 1, 0) == 1;
 }
 
 }  // namespace
 
-std::vector<pid_t> otherCopies(const std::string& executableName) {
-    std::vector<pid_t> copies;
-    const pid_t self = ::getpid();
-    const uid_t user = ::getuid();
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-        std::optional<pid_t> pid = processNumber(entry.path().filename().string());
-        if (!pid || *pid == self) continue;
-        struct stat info {};
-        if (::stat(entry.path().c_str(), &info) != 0 || info.st_uid != user) continue;
-        if (executableFileName(entry.path()) != executableName) continue;
-        if (isRunning(*pid)) copies.push_back(*pid);
-    }
-    return copies;
+std::vector<pid_t> otherCopies(const std::filesystem::path& folder) {
+    return lockHolders(folder);
 }
 
-void quitOtherCopies(const std::string& executableName, const EventLoopTurn& turn) {
-    std::vector<pid_t> copies = otherCopies(executableName);
+void quitOtherCopies(const std::filesystem::path& folder, const EventLoopTurn& turn) {
+    std::vector<HeldCopy> copies;
+    for (pid_t pid : lockHolders(folder)) {
+        int descriptor = openProcess(pid);
+        if (descriptor < 0) continue;  // gone already
+        // The descriptor is for whichever process has the number now; it is a copy only if
+        // that process still holds the lock after the descriptor was opened.
+        if (!holdsCopyLock(folder, pid)) {
+            ::close(descriptor);
+            continue;
+        }
+        copies.push_back({descriptor});
+    }
     if (copies.empty()) return;
-    for (pid_t pid : copies) ::kill(pid, SIGTERM);
+    for (HeldCopy& copy : copies) {
+        if (!sendSignal(copy.descriptor, SIGTERM)) copy.ended = true;
+    }
 
     const auto deadline = std::chrono::steady_clock::now() + quitWait;
-    for (pid_t pid : copies) {
-        while (isRunning(pid) && std::chrono::steady_clock::now() < deadline) turn(quitWaitSlice);
+    for (HeldCopy& copy : copies) {
+        while (!copy.ended && !(copy.ended = hasEnded(copy.descriptor)) &&
+               std::chrono::steady_clock::now() < deadline) {
+            turn(quitWaitSlice);
+        }
     }
-    for (pid_t pid : copies) {
-        if (isRunning(pid)) ::kill(pid, SIGKILL);
+    for (HeldCopy& copy : copies) {
+        if (!copy.ended && !hasEnded(copy.descriptor)) sendSignal(copy.descriptor, SIGKILL);
+        ::close(copy.descriptor);
     }
 }
 

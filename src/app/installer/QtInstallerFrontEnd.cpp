@@ -27,10 +27,13 @@ QtInstallerFrontEnd::QtInstallerFrontEnd(std::optional<bool> scriptedAnswer)
     : scriptedAnswer_(scriptedAnswer) {}
 
 std::optional<bool> QtInstallerFrontEnd::scriptedAnswerFromEnvironment() {
+#ifdef VELMORA_TEST_SWITCHES
     const char* answer = std::getenv("VELMORA_INSTALLER_ANSWER");
     if (answer == nullptr) return std::nullopt;
     if (std::string_view(answer) == "install") return true;
     if (std::string_view(answer) == "not-now") return false;
+#endif
+    // A release build has no such switch: whatever the environment says, a person answers.
     return std::nullopt;
 }
 

@@ -14,8 +14,9 @@ class QtInstallerFrontEnd final : public InstallerFrontEnd {
     // scriptedAnswer: true answers "Install", false "Not Now", nothing shows the dialogs.
     explicit QtInstallerFrontEnd(std::optional<bool> scriptedAnswer);
 
-    // The answer the environment variable VELMORA_INSTALLER_ANSWER scripts: "install" or
-    // "not-now"; nothing when it is unset or holds anything else.
+    // In builds with test switches (VELMORA_TEST_SWITCHES, never a release), the answer the
+    // environment variable VELMORA_INSTALLER_ANSWER scripts: "install" or "not-now"; nothing
+    // when it is unset or holds anything else. Always nothing in a release build.
     static std::optional<bool> scriptedAnswerFromEnvironment();
 
     bool askToInstall(const std::string& message, const std::string& informative) override;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "app/installer/CopyLock.h"
 #include "app/installer/DesktopEntry.h"
 #include "app/installer/HandOver.h"
 #include "app/installer/InstallPlaces.h"
@@ -19,27 +20,51 @@ InstallOptions InstallOptions::standard() {
     return InstallOptions{
         .systemFolder = AppInstaller::systemTargetFolder,
         .userFolder = data,
-        .applicationsFolder = data / "applications",
+        .applicationsFolder = data.empty() ? data : data / "applications",
+        .runningCopiesFolder = AppInstaller::runningCopiesFolder(),
         .handOver = &AppInstaller::relaunch,
     };
 }
 
 namespace AppInstaller {
+namespace {
+
+// Lets the owner write to a file or folder (never through a link); a failure is left for the
+// step that needs it to report.
+void addOwnerWrite(const std::filesystem::path& path) {
+    std::error_code error;
+    std::filesystem::file_status status = std::filesystem::symlink_status(path, error);
+    if (error || std::filesystem::is_symlink(status)) return;
+    auto added = std::filesystem::perms::owner_write;
+    if (std::filesystem::is_directory(status)) added |= std::filesystem::perms::owner_all;
+    std::filesystem::permissions(path, added, std::filesystem::perm_options::add, error);
+}
+
+}  // namespace
 
 std::filesystem::path install(const std::filesystem::path& source, InstallerFrontEnd& frontEnd,
                               const InstallOptions& options) {
     const std::filesystem::path destination =
         targetFolder(options.systemFolder, options.userFolder) / installedFolderName;
 
-    quitOtherCopies(options.executableName, [&frontEnd](std::chrono::milliseconds slice) {
+    quitOtherCopies(options.runningCopiesFolder, [&frontEnd](std::chrono::milliseconds slice) {
         frontEnd.turnEventLoop(slice);
     });
 
     std::error_code error;
     if (std::filesystem::exists(std::filesystem::symlink_status(destination, error))) {
+        // An earlier copy made with the image's read-only modes can't be moved until its folder
+        // may be written.
+        addOwnerWrite(destination);
         frontEnd.moveToTrash(destination);
     }
-    run(options.copyTool, {"-a", "-T", source.string(), destination.string()});
+    // Not the image's modes (read-only everywhere on a disk image): the installed copy belongs
+    // to whoever installed it, and the next install must be able to move it to the Trash.
+    run(options.copyTool,
+        {"-R", "--preserve=timestamps", "-T", source.string(), destination.string()});
+    addOwnerWrite(destination);
+    std::filesystem::recursive_directory_iterator walk(destination, error), end;
+    for (; !error && walk != end; walk.increment(error)) addOwnerWrite(walk->path());
 
     // The copy works without a menu entry; a missing one is worth a line, not a failed install.
     try {

@@ -18,8 +18,8 @@ struct InstallOptions {
     std::filesystem::path userFolder;          // otherwise ($XDG_DATA_HOME)
     std::filesystem::path applicationsFolder;  // the menu entry's folder
     std::string copyTool = "/bin/cp";
-    // Other running copies are the processes whose executable file has this name.
-    std::string executableName = "velmora-audio-helper";
+    // Other running copies are the processes holding a copy lock in this folder.
+    std::filesystem::path runningCopiesFolder;
     // Starts the installed copy once this process has gone.
     std::function<void(const std::filesystem::path&, const std::optional<DiskImageVolume>&)>
         handOver;

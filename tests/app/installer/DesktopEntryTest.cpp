@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "app/installer/InstallerError.h"
+#include "config/OwnFileChecks.h"
 #include "config/TemporaryFolder.h"
 
 namespace velmora {
@@ -42,6 +43,20 @@ TEST(DesktopEntry, AnUnwritableFolderIsThrown) {
     TemporaryFolder data;
     testing::writeText(data / "applications", "a file in the way");
     EXPECT_THROW(AppInstaller::writeDesktopEntry("/opt/x", data / "applications"), InstallerError);
+}
+
+TEST(DesktopEntry, IsReadableByTheDesktopAndReplacedNotWrittenThrough) {
+    TemporaryFolder data;
+    std::filesystem::path file =
+        AppInstaller::writeDesktopEntry("/opt/velmora-audio-helper", data / "applications");
+    EXPECT_EQ(testing::modeOf(file), 0644u);
+    EXPECT_EQ(testing::modeOf(data / "applications"), 0700u) << "a folder it makes is private";
+
+    std::filesystem::remove(file);
+    testing::writeText(data / "victim.txt", "precious");
+    std::filesystem::create_symlink(data / "victim.txt", file);
+    EXPECT_THROW(AppInstaller::writeDesktopEntry("/opt/x", data / "applications"), InstallerError);
+    EXPECT_EQ(testing::readText(data / "victim.txt"), "precious");
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ class SelfInstaller : public ::testing::Test {
             .userFolder = folder_ / "home/.local/share",
             .applicationsFolder = folder_ / "home/.local/share/applications",
             .copyTool = "/bin/cp",
-            .executableName = "velmora-test-no-such-copy",
+            .runningCopiesFolder = folder_ / "run/velmora-audio-helper",
             .handOver =
                 [this](const std::filesystem::path& executable,
                        const std::optional<DiskImageVolume>& volume) {
@@ -157,6 +157,49 @@ TEST_F(SelfInstaller, AnExistingCopyGoesToTheTrashBeforeTheNewOneIsCopied) {
     EXPECT_EQ(testing::readText(folder_ / "trash/velmora-audio-helper/old-marker"), "old");
     EXPECT_FALSE(std::filesystem::exists(installed / "old-marker"));
     EXPECT_TRUE(std::filesystem::exists(installed / "bin/velmora-audio-helper"));
+}
+
+// Makes every file and folder under `root` read-only, as on a disk image.
+void makeReadOnlyTree(const std::filesystem::path& root) {
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        std::filesystem::permissions(entry.path(),
+                                     std::filesystem::perms::owner_write |
+                                         std::filesystem::perms::group_write |
+                                         std::filesystem::perms::others_write,
+                                     std::filesystem::perm_options::remove);
+    }
+    std::filesystem::permissions(root,
+                                 std::filesystem::perms::owner_write |
+                                     std::filesystem::perms::group_write |
+                                     std::filesystem::perms::others_write,
+                                 std::filesystem::perm_options::remove);
+}
+
+// The image's files are read-only; the installed copy is its user's to change and, at the next
+// install, to move to the Trash.
+TEST_F(SelfInstaller, ACopyFromAReadOnlyTreeIsTheUsersOwnAndTheNextInstallReplacesIt) {
+    makeReadOnlyTree(portable());
+    FakeInstallerFrontEnd first(true, folder_ / "trash");
+    const auto installed = AppInstaller::install(portable(), first, options());
+    EXPECT_EQ(installed, folder_ / "home/.local/share/velmora-audio-helper") << "a per-user copy";
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(installed)) {
+        struct stat info {};
+        ASSERT_EQ(::lstat(entry.path().c_str(), &info), 0);
+        EXPECT_NE(info.st_mode & S_IWUSR, 0u) << entry.path() << " is read-only";
+    }
+    struct stat info {};
+    ASSERT_EQ(::stat(installed.c_str(), &info), 0);
+    EXPECT_NE(info.st_mode & S_IWUSR, 0u);
+    ASSERT_EQ(::stat((installed / "bin/velmora-audio-helper").c_str(), &info), 0);
+    EXPECT_NE(info.st_mode & S_IXUSR, 0u) << "still runs";
+
+    FakeInstallerFrontEnd second(true, folder_ / "trash");
+    EXPECT_EQ(AppInstaller::install(portable(), second, options()), installed);
+    EXPECT_THAT(second.trashed, ElementsAre(installed));
+    EXPECT_EQ(testing::readText(folder_ / "trash/velmora-audio-helper/share/doc/"
+                                          "velmora-audio-helper/copyright"),
+              "c");
+    EXPECT_EQ(testing::readText(installed / "share/doc/velmora-audio-helper/copyright"), "c");
 }
 
 }  // namespace

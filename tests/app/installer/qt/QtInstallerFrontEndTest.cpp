@@ -34,10 +34,10 @@ class QtInstaller : public ::testing::Test {
 };
 
 TEST_F(QtInstaller, InstallingOverAnExistingCopyTrashesItAndKillsTheOldCopyIgnoringSigterm) {
-    const std::string name = testing::uniqueExecutableName("old-copy");
+    const std::string name = "velmora-audio-helper";
     const std::filesystem::path old = folder_ / "opt/velmora-audio-helper";
     testing::writeText(old / "old-marker", "old");
-    RunningCopy oldCopy(old / "bin" / name, true);
+    RunningCopy oldCopy(folder_ / "run/velmora-audio-helper", true);
 
     const std::filesystem::path portable = folder_ / "image/velmora-audio-helper";
     std::filesystem::create_directories(portable / "bin");
@@ -45,7 +45,7 @@ TEST_F(QtInstaller, InstallingOverAnExistingCopyTrashesItAndKillsTheOldCopyIgnor
 
     InstallOptions options = InstallOptions::standard();
     options.systemFolder = folder_ / "opt";
-    options.executableName = name;
+    options.runningCopiesFolder = folder_ / "run/velmora-audio-helper";
     QtInstallerFrontEnd frontEnd(true);
     const auto start = std::chrono::steady_clock::now();
     const std::filesystem::path installed = AppInstaller::install(portable, frontEnd, options);
@@ -68,6 +68,7 @@ TEST_F(QtInstaller, SomethingThatCannotBeTrashedIsThrown) {
     EXPECT_THROW(frontEnd.moveToTrash(folder_ / "no-such-folder"), InstallerError);
 }
 
+#ifdef VELMORA_TEST_SWITCHES
 TEST(QtInstallerAnswer, TheEnvironmentScriptsTheAnswer) {
     {
         ScopedEnvironment answer("VELMORA_INSTALLER_ANSWER", "install");
@@ -84,6 +85,13 @@ TEST(QtInstallerAnswer, TheEnvironmentScriptsTheAnswer) {
     ScopedEnvironment unset("VELMORA_INSTALLER_ANSWER", std::nullopt);
     EXPECT_EQ(QtInstallerFrontEnd::scriptedAnswerFromEnvironment(), std::nullopt);
 }
+#else
+// A release build takes no answer from its environment: only a person installs.
+TEST(QtInstallerAnswer, AReleaseBuildIgnoresTheEnvironment) {
+    ScopedEnvironment answer("VELMORA_INSTALLER_ANSWER", "install");
+    EXPECT_EQ(QtInstallerFrontEnd::scriptedAnswerFromEnvironment(), std::nullopt);
+}
+#endif
 
 TEST(QtInstallerAnswer, WithoutADialogApplicationTheOfferIsNotAccepted) {
     QtInstallerFrontEnd frontEnd(std::nullopt);
