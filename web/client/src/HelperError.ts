@@ -41,3 +41,8 @@ const HELPER_CODES: ReadonlySet<string> = new Set<HelperErrorCode>([
   'permission_denied',
   'device_error',
 ]);
+
+/** The text of anything thrown, for a message that says what went wrong. */
+export function errorText(error: unknown): string {
+  return error instanceof Error ? error.message : String(error);
+}

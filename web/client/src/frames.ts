@@ -18,3 +18,13 @@ export function decodeFrame(data: ArrayBuffer | ArrayBufferView): Float32Array<A
   for (let i = 0; i < count; i++) samples[i] = view.getFloat32(i * 4, true);
   return samples;
 }
+
+/** Whether a WebSocket message's data is binary (an audio frame) rather than text. */
+export function isBinaryMessage(data: unknown): data is ArrayBuffer | ArrayBufferView {
+  return data instanceof ArrayBuffer || ArrayBuffer.isView(data) || isArrayBufferLike(data);
+}
+
+// An ArrayBuffer from another realm (a worker or frame) fails instanceof but still names itself.
+function isArrayBufferLike(value: unknown): boolean {
+  return Object.prototype.toString.call(value) === '[object ArrayBuffer]';
+}
