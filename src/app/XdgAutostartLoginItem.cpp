@@ -140,6 +140,9 @@ void XdgAutostartLoginItem::registerItem() {
     // Readable by the desktop session; written beside the entry and renamed over it, so the
     // desktop never reads half a file and a link planted in its place is never written through.
     // The autostart folder is shared with other programs, so an existing one keeps its mode.
+    if (auto failure = PrivateFiles::makeFolder(folder_, /*narrowExisting=*/false)) {
+        throw LoginItemError("Could not create " + folder_.string() + ": it " + *failure + ".");
+    }
     if (auto failure = PrivateFiles::replace(entryFile_, entryText(executable_), 0644,
                                              /*narrowFolder=*/false)) {
         throw LoginItemError("Could not write " + entryFile_.string() + ": " + *failure + ".");
