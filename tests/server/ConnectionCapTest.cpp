@@ -142,8 +142,7 @@ TEST_F(ConnectionCapTest, AcceptingOutOfDescriptorsWaitsWithoutSpinningAndRecove
             ::getrusage(RUSAGE_SELF, &after);
             auto seconds = [](const rusage& usage) {
                 return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) /
-                           1e6;
+                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
             };
             // A loop that retried at once would keep a core busy for the whole second.
             const double busy = seconds(after) - seconds(before);
