@@ -75,7 +75,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     const std::string& ownBundleId() const { return callWatch_.ownBundleId(); }
 
     // Seams for fuzzing the input handling without sockets; not callable from the queue.
-    // The admission decision on one upgrade request, exactly as a handshake gets it.
+    // The origin decision on one upgrade request, exactly as a handshake from this user's own
+    // process, naming the helper in Host, gets it.
     bool admits(const WebSocketSession::UpgradeRequest& request);
     // Handles one text message from an open page of `origin` that has no connection, as a
     // connected page's message is handled, and returns what that page is sent meanwhile. The

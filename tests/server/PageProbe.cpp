@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <sstream>
+#include <string_view>
 
 namespace velmora::testing {
 namespace {
@@ -51,10 +53,23 @@ ProbeResult parse(std::string output) {
     return result;
 }
 
+// Writes a whole short text to a file; async-signal-safe, for the child before exec.
+bool writeFile(const char* path, std::string_view text) {
+    const int fd = ::open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    ::close(fd);
+    return written;
+}
+
 }  // namespace
 
 std::optional<ProbeResult> runPageProbe(std::uint16_t port, const std::string& origin,
-                                        const passwd* account) {
+                                        ProbeIdentity identity) {
+    const passwd* account = identity.account;
+    // Formatted before the fork: the child may not allocate.
+    const std::string uidMap = std::to_string(::getuid()) + " " + std::to_string(::getuid()) + " 1";
+    const std::string gidMap = std::to_string(::getgid()) + " " + std::to_string(::getgid()) + " 1";
     SharedProbe probe;
     if (probe.path().empty()) return std::nullopt;
     const std::string executable = probe.path().string();
@@ -75,6 +90,14 @@ std::optional<ProbeResult> runPageProbe(std::uint16_t port, const std::string& o
             }
             if (::chdir("/") != 0) ::_exit(3);
         }
+        if (identity.inUserNamespace) {
+            if (::unshare(CLONE_NEWUSER) != 0) ::_exit(noUserNamespaceExit);
+            if (!writeFile("/proc/self/setgroups", "deny") ||
+                !writeFile("/proc/self/uid_map", uidMap) ||
+                !writeFile("/proc/self/gid_map", gidMap)) {
+                ::_exit(noUserNamespaceExit);
+            }
+        }
         const char* arguments[] = {executable.c_str(), portText.c_str(), origin.c_str(), nullptr};
         ::execv(executable.c_str(), const_cast<char* const*>(arguments));
         ::_exit(127);
@@ -93,13 +116,11 @@ std::optional<ProbeResult> runPageProbe(std::uint16_t port, const std::string& o
     ::close(output[0]);
     int status = 0;
     ::waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        text += "\n(exit status " + std::to_string(status) + ")";
-        ProbeResult failed;
-        failed.output = text;
-        return failed;
-    }
-    return parse(std::move(text));
+    const int exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (exitCode != 0) text += "\n(wait status " + std::to_string(status) + ")";
+    auto result = parse(std::move(text));
+    result.exitCode = exitCode;
+    return result;
 }
 
 }  // namespace velmora::testing

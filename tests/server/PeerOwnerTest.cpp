@@ -151,7 +151,7 @@ TEST_F(PeerAdmissionTest, AnotherAccountIsRefusedWhileThisUserIsAdmitted) {
     const passwd other = *nobody;
     startServer();
 
-    auto stranger = runPageProbe(port(), pageA, &other);
+    auto stranger = runPageProbe(port(), pageA, {.account = &other});
     ASSERT_TRUE(stranger);
     EXPECT_EQ(stranger->httpStatus, 403) << stranger->output;
     EXPECT_FALSE(stranger->firstMessage) << stranger->output;
@@ -164,6 +164,18 @@ TEST_F(PeerAdmissionTest, AnotherAccountIsRefusedWhileThisUserIsAdmitted) {
     ASSERT_TRUE(own->firstMessage) << own->output;
     EXPECT_EQ(nlohmann::json::parse(*own->firstMessage)["type"], "hello");
     EXPECT_TRUE(log_.waitForLine("Client connected (" + pageA + ")"));
+}
+
+TEST_F(PeerAdmissionTest, APageInASandboxOfThisUserIsAdmitted) {
+    startServer();
+    auto sandboxed = runPageProbe(port(), pageA, {.inUserNamespace = true});
+    ASSERT_TRUE(sandboxed);
+    if (sandboxed->exitCode == noUserNamespaceExit) {
+        GTEST_SKIP() << "this system lets no process make a user namespace";
+    }
+    EXPECT_EQ(sandboxed->httpStatus, 101) << sandboxed->output;
+    ASSERT_TRUE(sandboxed->firstMessage) << sandboxed->output;
+    EXPECT_EQ(nlohmann::json::parse(*sandboxed->firstMessage)["type"], "hello");
 }
 
 }  // namespace
