@@ -10,7 +10,7 @@ bool isOwnHost(std::string_view host, std::uint16_t port) {
     std::string_view name = host;
     if (name.ends_with(portSuffix)) {
         name.remove_suffix(portSuffix.size());
-    } else if (port != 80 || name.ends_with(":") || name.ends_with(":80")) {
+    } else if (port != 80 || name.ends_with(":")) {
         // Clients leave out only the default port (RFC 9110), and write it no other way.
         return false;
     }
