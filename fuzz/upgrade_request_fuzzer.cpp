@@ -93,13 +93,15 @@ class IdleHandler final : public WebSocketSession::Handler {
 };
 
 // Admission as the helper does it, with the request checked on the way.
-class Admission final : public WebSocketListenerDelegate {
+class OriginAdmission final : public WebSocketListenerDelegate {
   public:
-    explicit Admission(std::string_view input) : input_(input) {}
+    explicit OriginAdmission(std::string_view input) : input_(input) {}
 
     void stateChanged(WebSocketListener&, State, const error_code&) override {}
 
-    bool admit(const WebSocketSession::UpgradeRequest& request) override {
+    // The peer and Host checks need a real connection; the origin decision is what is fuzzed.
+    velmora::Admission admit(const WebSocketSession::UpgradeRequest& request,
+                             const ConnectionEndpoints&) override {
         namespace http = boost::beast::http;
         // Everything the WebSocket layer checks before it answers 101.
         if (!boost::beast::websocket::is_upgrade(request) ||
@@ -125,7 +127,7 @@ class Admission final : public WebSocketListenerDelegate {
         if (admitted != question.answer) failure("admission overrode the origin hook", input_, {});
         asked_ = true;
         admitted_ = admitted;
-        return admitted;
+        return admitted ? velmora::Admission::admitted : velmora::Admission::forbidden;
     }
 
     std::shared_ptr<WebSocketSession::Handler> sessionAdmitted(
@@ -176,7 +178,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const WebSocketLimits limits;
     boost::asio::io_context context;
     fuzzing::SocketPair sockets(context);
-    auto admission = std::make_shared<Admission>(request);
+    auto admission = std::make_shared<OriginAdmission>(request);
     auto upgrade = std::make_shared<WebSocketUpgrade>(std::move(sockets.server), limits, admission);
     int finishedCount = 0;
     upgrade->run([&] { ++finishedCount; });

@@ -9,10 +9,12 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <utility>
 
 #include "config/AudioKit.h"
 #include "config/HelperInfo.h"
 #include "config/Log.h"
+#include "server/DescriptorLimit.h"
 #include "server/PageCommand.h"
 #include "server/ProtocolMessages.h"
 #include "server/SystemUptime.h"
@@ -63,9 +65,11 @@ class HelperServer::ListenerEvents final : public WebSocketListenerDelegate {
         }
     }
 
-    bool admit(const WebSocketSession::UpgradeRequest& request) override {
+    Admission admit(const WebSocketSession::UpgradeRequest& request,
+                    const ConnectionEndpoints& endpoints) override {
         auto server = server_.lock();
-        return server && server->admitLocked(request);
+        return server ? server->admitConnectionLocked(request, endpoints, port_)
+                      : Admission::forbidden;
     }
 
     std::shared_ptr<WebSocketSession::Handler> sessionAdmitted(
@@ -117,10 +121,11 @@ std::shared_ptr<WebSocketSession::Handler> HelperServer::ListenerEvents::session
 std::shared_ptr<HelperServer> HelperServer::create(
     std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
     std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
-    HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys) {
-    std::shared_ptr<HelperServer> server(new HelperServer(std::move(tap), std::move(permission),
-                                                          std::move(microphoneUsers), mainQueue,
-                                                          std::move(timings), std::move(passKeys)));
+    HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys,
+    std::shared_ptr<PeerOwnerLookup> peerOwners) {
+    std::shared_ptr<HelperServer> server(new HelperServer(
+        std::move(tap), std::move(permission), std::move(microphoneUsers), mainQueue,
+        std::move(timings), std::move(passKeys), std::move(peerOwners)));
     server->wireCapture();
     return server;
 }
@@ -129,7 +134,8 @@ HelperServer::HelperServer(std::unique_ptr<AudioTap> tap,
                            std::shared_ptr<AudioCapturePermission> permission,
                            std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
                            HelperServerTimings timings,
-                           std::vector<HelperPass::VerificationKey> passKeys)
+                           std::vector<HelperPass::VerificationKey> passKeys,
+                           std::shared_ptr<PeerOwnerLookup> peerOwners)
     : queue_(std::make_shared<SerialQueue>("com.velmora.audiohelper.server")),
       mainQueue_(mainQueue),
       timings_(std::move(timings)),
@@ -138,7 +144,8 @@ HelperServer::HelperServer(std::unique_ptr<AudioTap> tap,
       microphoneUsers_(std::move(microphoneUsers)),
       onStatus_(std::make_shared<StatusSlot>()),
       capture_(SystemAudioCapture::create(std::move(tap), mainQueue, timings_.capture)),
-      callWatch_(HelperInfo::bundleId, timings_.callGrace, timings_.minimumCall) {}
+      callWatch_(HelperInfo::bundleId, timings_.callGrace, timings_.minimumCall),
+      peerAdmission_(std::move(peerOwners), timings_.limits) {}
 
 HelperServer::~HelperServer() {
     // Whatever the teardown changes is nobody's news any more.
@@ -194,6 +201,8 @@ void HelperServer::setOnStatus(StatusHandler onStatus) {
 }
 
 void HelperServer::start() {
+    // Connections up to the cap, and those still in their upgrade.
+    ensureDescriptorsFor(timings_.limits.maxConnections + timings_.limits.maxPendingUpgrades);
     post([](HelperServer& self) { self.startListenerLocked(); });
 }
 
@@ -348,6 +357,20 @@ void HelperServer::cancelListenerLocked() {
     }
 }
 
+Admission HelperServer::admitConnectionLocked(const WebSocketSession::UpgradeRequest& request,
+                                              const ConnectionEndpoints& endpoints,
+                                              std::uint16_t port) {
+    VELMORA_ASSERT_ON_QUEUE(*queue_);
+    std::vector<std::uint64_t> openPeerSockets;
+    openPeerSockets.reserve(clients_.size());
+    for (const auto& [key, client] : clients_) openPeerSockets.push_back(client->peerSocket);
+    const auto verdict = peerAdmission_.check(request, endpoints, port, openPeerSockets);
+    if (verdict.admission != Admission::admitted) return verdict.admission;
+    if (!admitLocked(request)) return Admission::forbidden;
+    admittedPeerSocket_ = verdict.peerSocket;
+    return Admission::admitted;
+}
+
 bool HelperServer::admitLocked(const WebSocketSession::UpgradeRequest& request) {
     VELMORA_ASSERT_ON_QUEUE(*queue_);
     std::optional<std::string> origin;
@@ -372,6 +395,7 @@ HelperServer::ClientPointer HelperServer::acceptLocked(
     VELMORA_ASSERT_ON_QUEUE(*queue_);
     auto client = std::make_shared<Client>();
     client->connection = connection;
+    client->peerSocket = std::exchange(admittedPeerSocket_, 0);
     clients_.emplace(client.get(), client);
     return client;
 }

@@ -21,6 +21,8 @@
 #include "server/Client.h"
 #include "server/HelperServerTimings.h"
 #include "server/HelperStatus.h"
+#include "server/PeerAdmission.h"
+#include "server/PeerOwnerLookup.h"
 #include "server/WebSocketListener.h"
 
 namespace velmora {
@@ -37,11 +39,14 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // `permission` before a first start, polls `microphoneUsers` while streaming, and calls the
     // status handler on `mainQueue`, which must outlive the server. `passKeys` are the keys start
     // passes must be signed with (the built-in ones unless a test supplies its own).
+    // `peerOwners` tells who holds the other end of each connection: only the user running the
+    // helper is admitted, and a peer it cannot tell about is refused.
     static std::shared_ptr<HelperServer> create(
         std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
         std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
         HelperServerTimings timings = {},
-        std::vector<HelperPass::VerificationKey> passKeys = HelperPass::keys());
+        std::vector<HelperPass::VerificationKey> passKeys = HelperPass::keys(),
+        std::shared_ptr<PeerOwnerLookup> peerOwners = PeerOwnerLookup::platform());
 
     ~HelperServer();
     HelperServer(const HelperServer&) = delete;
@@ -70,7 +75,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     const std::string& ownBundleId() const { return callWatch_.ownBundleId(); }
 
     // Seams for fuzzing the input handling without sockets; not callable from the queue.
-    // The admission decision on one upgrade request, exactly as a handshake gets it.
+    // The origin decision on one upgrade request, exactly as a handshake from this user's own
+    // process, naming the helper in Host, gets it.
     bool admits(const WebSocketSession::UpgradeRequest& request);
     // Handles one text message from an open page of `origin` that has no connection, as a
     // connected page's message is handled, and returns what that page is sent meanwhile. The
@@ -81,7 +87,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
                  std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
-                 HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys);
+                 HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys,
+                 std::shared_ptr<PeerOwnerLookup> peerOwners);
 
     class ListenerEvents;
     class ClientEvents;
@@ -102,6 +109,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     void listenerStateChangedLocked(WebSocketListener& listener, WebSocketListener::State state,
                                     const boost::system::error_code& error, std::uint16_t port);
     void cancelListenerLocked();
+    Admission admitConnectionLocked(const WebSocketSession::UpgradeRequest& request,
+                                    const ConnectionEndpoints& endpoints, std::uint16_t port);
     bool admitLocked(const WebSocketSession::UpgradeRequest& request);
     ClientPointer acceptLocked(const std::shared_ptr<WebSocketSession>& connection);
     void clientReadyLocked(const ClientPointer& client);
@@ -149,6 +158,9 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     CallEndWatch callWatch_;
     std::shared_ptr<QueueTimer> callTimer_;
     std::string lastAcceptedOrigin_;
+    PeerAdmission peerAdmission_;
+    // The peer socket of the connection admitted last, taken by the session made for it next.
+    std::uint64_t admittedPeerSocket_ = 0;
     std::uint64_t startToken_ = 0;
     bool publishing_ = true;  // false from shutdown on
 };

@@ -26,6 +26,14 @@ struct WebSocketLimits {
     // and is dropped; the message count catches floods of small replies.
     std::size_t maxQueuedBytes = 320 * 1024;
     std::size_t maxQueuedMessages = 256;
+    // Connections the helper's server keeps open at once, from everyone together and from one
+    // process; more are answered 503 (the echo server of the conformance tests keeps no count). A
+    // browser holds the connections of all its pages in one process, so the second is a limit per
+    // browser: far above the pages of one web application a user keeps open (each holds one
+    // connection, briefly two while it reconnects), and an eighth of the whole, so one runaway
+    // process leaves room for others.
+    std::size_t maxConnections = 256;
+    std::size_t maxConnectionsPerProcess = 32;
     // The kernel send buffer of each connection; 0 keeps the system's (auto-tuned) size.
     int socketSendBufferBytes = 0;
 };

@@ -73,9 +73,20 @@ void WebSocketUpgrade::decide(WebSocketSession::UpgradeRequest request) {
         refuse(http::status::bad_request);
         return;
     }
-    if (!delegate_->admit(request)) {
-        refuse(http::status::forbidden);
-        return;
+    // Both ends as they are now: a peer that has gone already is found by no one.
+    ConnectionEndpoints endpoints;
+    error_code ignored;
+    endpoints.local = stream_.socket().local_endpoint(ignored);
+    endpoints.remote = stream_.socket().remote_endpoint(ignored);
+    switch (delegate_->admit(request, endpoints)) {
+        case Admission::admitted:
+            break;
+        case Admission::forbidden:
+            refuse(http::status::forbidden);
+            return;
+        case Admission::unavailable:
+            refuse(http::status::service_unavailable);
+            return;
     }
     handedOver_ = true;
     session_ = std::make_shared<WebSocketSession>(std::move(stream_), limits_);

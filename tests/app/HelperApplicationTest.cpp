@@ -162,7 +162,8 @@ std::string greetingFrom(std::uint16_t port) {
             continue;
         }
         std::string request =
-            "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+            "GET / HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) +
+            "\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
             "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
             "Origin: " +
             HelperInfo::builtInOrigins().front() + "\r\n\r\n";

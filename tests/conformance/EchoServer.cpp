@@ -38,7 +38,9 @@ class EchoServer::Events final : public WebSocketListenerDelegate {
         if (onState_) onState_(state, error, listener.port());
     }
 
-    bool admit(const WebSocketSession::UpgradeRequest&) override { return true; }
+    Admission admit(const WebSocketSession::UpgradeRequest&, const ConnectionEndpoints&) override {
+        return Admission::admitted;
+    }
 
     std::shared_ptr<WebSocketSession::Handler> sessionAdmitted(
         const std::shared_ptr<WebSocketSession>& session) override {

@@ -14,8 +14,11 @@ namespace {
 class HostilePeerTest : public ServerFixture {};
 
 TEST_F(HostilePeerTest, TwoHundredPagesConnectedAtOnceAllGetHello) {
-    startServer();
     constexpr int pageCount = 200;
+    // Every page here lives in this one process, which would otherwise meet its own cap.
+    auto timings = fastTimings();
+    timings.limits.maxConnectionsPerProcess = pageCount;
+    startServer(timings);
     // Opened in waves that stay below the limit of connections in their upgrade phase.
     constexpr int wave = 40;
     std::vector<std::shared_ptr<TestPage>> pages;

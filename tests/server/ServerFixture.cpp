@@ -151,7 +151,7 @@ HelperServerTimings ServerFixture::fastTimings() {
 void ServerFixture::createServer(HelperServerTimings timings) {
     server_ =
         HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_, microphoneUsers_,
-                             mainQueue_, timings, {signer_.verificationKey()});
+                             mainQueue_, timings, {signer_.verificationKey()}, peerOwners_);
     server_->setOnStatus([this](const HelperStatus& status) { statuses_.record(status); });
 }
 

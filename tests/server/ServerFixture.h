@@ -99,6 +99,8 @@ class ServerFixture : public ::testing::Test {
     std::shared_ptr<FakeCapturePermission> permission_ = std::make_shared<FakeCapturePermission>();
     std::shared_ptr<FakeMicrophoneUsers> microphoneUsers_ = std::make_shared<FakeMicrophoneUsers>();
     std::shared_ptr<FakeAudioTap::Control> tap_ = std::make_shared<FakeAudioTap::Control>();
+    // Who holds the pages' ends: the system's own answer unless a test sets another first.
+    std::shared_ptr<PeerOwnerLookup> peerOwners_ = PeerOwnerLookup::platform();
     PassSigner signer_ = PassSigner::generate();
     StatusRecorder statuses_;
     LogReader log_;
