@@ -84,26 +84,16 @@ AppDelegate::~AppDelegate() {
 bool AppDelegate::applicationDidFinishLaunching() {
     if (services_.installerTakesOver && services_.installerTakesOver()) return false;
 
-    statusItem_ = std::make_unique<QSystemTrayIcon>();
-    statusItem_->setToolTip(trayName);
+    statusItem_ = std::make_unique<TrayHost>(menu_, TrayHost::Actions{
+                                                        .menuWillOpen = [this] { menuWillOpen(); },
+                                                        .quit = [this] { quit(); },
+                                                    });
 
     // Enabled states are set by hand below; QMenu never changes them by itself.
     connect(&menu_, &QMenu::aboutToShow, this, [this] { menuWillOpen(); });
     fillMenu();
-
-    statusItem_->setContextMenu(&menu_);
-    // Some panels send a plain click rather than asking for the context menu.
-    connect(statusItem_.get(), &QSystemTrayIcon::activated, this,
-            [this](QSystemTrayIcon::ActivationReason reason) {
-                if (reason == QSystemTrayIcon::Trigger) menu_.popup(QCursor::pos());
-            });
-    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
-        log("No system tray is available on this desktop (no StatusNotifierItem host and no "
-            "XEmbed tray); showing the status in a window instead");
-        fallbackWindow_ = std::make_unique<FallbackWindow>(menu_, [this] { quit(); });
-    }
     render();
-    statusItem_->show();
+    statusItem_->start();
 
     services_.server->setOnStatus(relay_.handlerFor([this](const HelperStatus& status) {
         status_ = status;
@@ -159,11 +149,7 @@ void AppDelegate::render() {
     TrayAppearance appearance = velmora::render(status_, HelperSettings::shared().port());
     statusLine_->setText(QString::fromStdString(appearance.statusText));
     permissionItem_->setVisible(appearance.permissionItemVisible);
-    if (statusItem_) {
-        statusItem_->setIcon(statusIcon(appearance.iconName));
-        statusItem_->setToolTip(QString::fromStdString(appearance.toolTip));
-    }
-    if (fallbackWindow_) fallbackWindow_->show(appearance);
+    if (statusItem_) statusItem_->show(appearance);
 }
 
 void AppDelegate::openVelmora() {
