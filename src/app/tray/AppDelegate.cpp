@@ -32,9 +32,13 @@ QString text(std::string_view value) {
     return QString::fromUtf8(value.data(), static_cast<qsizetype>(value.size()));
 }
 
-// A tray application has no window of its own to raise: the dialog itself comes forward.
+// A tray application has no window of its own to raise: the dialog itself comes forward. Wayland
+// lets no client keep itself above others or raise itself; there the compositor decides, and
+// those in use give a new dialog the focus.
 void bringToFront(QWidget& dialog) {
-    dialog.setWindowFlag(Qt::WindowStaysOnTopHint);
+    if (!QGuiApplication::platformName().startsWith("wayland")) {
+        dialog.setWindowFlag(Qt::WindowStaysOnTopHint);
+    }
     dialog.show();
     dialog.raise();
     dialog.activateWindow();
