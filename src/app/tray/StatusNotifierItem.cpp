@@ -26,11 +26,14 @@ QString StatusNotifierItemObject::title() const {
 void StatusNotifierItemObject::setAppearance(const QIcon& icon, const QString& toolTip) {
     bool iconChanged = icon.cacheKey() != icon_.cacheKey();
     bool toolTipChanged = toolTip != toolTip_.title;
-    icon_ = icon;
-    // A name only where the icon theme has the icon: the panel then draws it in its own colours.
-    iconName_ = QIcon::hasThemeIcon(icon.name()) ? icon.name() : QString();
-    toolTip_.iconName = iconName_;
-    toolTip_.images = dbusImages(icon);
+    if (iconChanged) {
+        icon_ = icon;
+        // A name only where the icon theme has the icon: the panel then draws it in its own
+        // colours.
+        iconName_ = QIcon::hasThemeIcon(icon.name()) ? icon.name() : QString();
+        toolTip_.iconName = iconName_;
+        toolTip_.images = dbusImages(icon);
+    }
     toolTip_.title = toolTip;
     if (iconChanged) Q_EMIT NewIcon();
     if (iconChanged || toolTipChanged) Q_EMIT NewToolTip();

@@ -40,8 +40,11 @@ void TrayHost::start() {
 }
 
 void TrayHost::show(const TrayAppearance& appearance) {
+    // The same icon keeps its cache key, so the item sends its pixels only when they change.
+    if (icon_.isNull() || appearance.iconName != appearance_.iconName) {
+        icon_ = statusIcon(appearance.iconName);
+    }
     appearance_ = appearance;
-    icon_ = statusIcon(appearance.iconName);
     toolTip_ = QString::fromStdString(appearance.toolTip);
     item_.setAppearance(icon_, toolTip_);
     if (xembedIcon_) {
