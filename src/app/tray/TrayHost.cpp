@@ -21,6 +21,8 @@ TrayHost::TrayHost(QMenu& menu, Actions actions)
       actions_(std::move(actions)),
       item_(menu, actions_.menuWillOpen, [this](QPoint where) { popUpMenu(where); }) {
     waitForTray_.setSingleShot(true);
+    // A coarse timer may end a twentieth early; the bound is a promise to the panel.
+    waitForTray_.setTimerType(Qt::PreciseTimer);
     waitForTray_.setInterval(trayWaitBound);
     connect(&waitForTray_, &QTimer::timeout, this, [this] { showFallbackWindow(); });
     connect(&item_, &StatusNotifierItem::registrationChanged, this, [this] { update(); });

@@ -64,9 +64,9 @@ class TrayComesLaterTest : public ::testing::Test {
     }
 
     void startHelper() {
+        started_ = std::chrono::steady_clock::now();
         helper_ = desktop_->launch({VELMORA_HELPER_EXECUTABLE, "--no-install"},
                                    sound_->environment(), "helper");
-        started_ = std::chrono::steady_clock::now();
     }
 
     // The panel comes up: a new watcher takes the well-known name.
