@@ -83,13 +83,18 @@ bool StatusNotifierItem::publish(QDBusConnection bus) {
         QString("org.kde.StatusNotifierItem-%1-1").arg(QCoreApplication::applicationPid());
     serviceName_ = bus_->registerService(wanted) ? wanted : bus_->baseService();
 
-    watcher_ = std::make_unique<QDBusServiceWatcher>(
-        watcherService, *bus_,
-        QDBusServiceWatcher::WatchForRegistration | QDBusServiceWatcher::WatchForUnregistration);
-    connect(watcher_.get(), &QDBusServiceWatcher::serviceRegistered, this,
-            [this] { watcherAppeared(); });
-    connect(watcher_.get(), &QDBusServiceWatcher::serviceUnregistered, this,
-            [this] { watcherVanished(); });
+    // A panel that hands its name straight to its successor changes the owner without the name
+    // ever being free: that too is a new watcher to register with.
+    watcher_ = std::make_unique<QDBusServiceWatcher>(watcherService, *bus_,
+                                                     QDBusServiceWatcher::WatchForOwnerChange);
+    connect(watcher_.get(), &QDBusServiceWatcher::serviceOwnerChanged, this,
+            [this](const QString&, const QString&, const QString& newOwner) {
+                if (newOwner.isEmpty()) {
+                    watcherVanished();
+                } else {
+                    watcherAppeared();
+                }
+            });
     if (bus_->interface()->isServiceRegistered(watcherService)) watcherAppeared();
     return true;
 }
