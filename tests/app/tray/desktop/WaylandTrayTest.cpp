@@ -250,13 +250,18 @@ TEST_F(WaylandTrayTest, TheItemsMenuOpensWhereThePanelPutsItAndThePortDialogTake
     click(rows["Port\u2026"]);
     ASSERT_TRUE(waitUntil([&] { return helperWindows() == 1; })) << helperLog();
     // Typed without a click into the dialog: the keys reach its field only if it has the focus.
+    // Keys sent while the compositor is still handing the focus over are lost, not misplaced, so
+    // a second round is fair; a dialog that never gets the focus fails every round.
     int newPort = freePort();
-    typeOnTheCompositor("key --delay 50 ctrl+a BackSpace type --delay 50 " +
-                        std::to_string(newPort));
-    typeOnTheCompositor("key Return");
-    EXPECT_TRUE(waitUntil([&] {
-        return logged("Listening on ws://127.0.0.1:" + std::to_string(newPort) + "/");
-    })) << helperLog();
+    std::string listening = "Listening on ws://127.0.0.1:" + std::to_string(newPort) + "/";
+    for (int round = 0; round < 3 && !logged(listening); ++round) {
+        typeOnTheCompositor("key --delay 50 ctrl+a BackSpace type --delay 50 " +
+                            std::to_string(newPort));
+        typeOnTheCompositor("key Return");
+        waitUntil([&] { return logged(listening); }, 10s);
+    }
+    EXPECT_TRUE(logged(listening)) << helperLog() << onWayland("timeout 5 weston-debug scene-graph")
+                                   << desktop_->readLog("weston");
     EXPECT_TRUE(waitUntil([&] { return helperWindows() == 0; })) << helperLog();
     endHelper();
 }
