@@ -12,6 +12,7 @@
 
 #include "app/tray/DBusMenuExporter.h"
 #include "app/tray/DBusTrayTypes.h"
+#include "config/HelperInfo.h"
 
 namespace velmora {
 
@@ -41,7 +42,7 @@ class StatusNotifierItemObject final : public QObject {
     explicit StatusNotifierItemObject(std::function<void(QPoint)> popUpMenu);
 
     QString category() const { return "ApplicationStatus"; }
-    QString id() const { return "velmora-audio-helper"; }
+    QString id() const { return HelperInfo::appId; }
     QString title() const;
     QString status() const { return "Active"; }
     int windowId() const { return 0; }
