@@ -232,5 +232,19 @@ TEST_F(TrayComesLaterTest, AnXEmbedTrayThreeSecondsLateGetsTheIconAndNoWindowIsL
     endHelper();
 }
 
+TEST_F(TrayComesLaterTest, AnXEmbedTrayAfterTheWindowTakesTheIconAndTheWindowGoes) {
+    startHelper();
+    ASSERT_TRUE(waitUntil([&] { return !visibleWindow().empty(); }, trayWaitBound + 30s))
+        << helperLog();
+    auto trayer = desktop_->launch({"trayer", "--edge", "top", "--align", "right", "--widthtype",
+                                    "pixel", "--width", "200", "--height", "24"},
+                                   {}, "trayer");
+    EXPECT_TRUE(waitUntil([&] { return iconIsInTheXEmbedPanel(); }))
+        << runOnDisplay("xwininfo -root -tree") << helperLog();
+    EXPECT_TRUE(waitUntil([&] { return visibleWindow().empty(); })) << helperLog();
+    EXPECT_TRUE(logged("A system tray appeared (XEmbed)")) << helperLog();
+    endHelper();
+}
+
 }  // namespace
 }  // namespace velmora::testing
