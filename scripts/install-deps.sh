@@ -18,8 +18,10 @@ packages=(
     chromium
     # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
-    # an XEmbed tray, screenshots
-    qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool
+    # an XEmbed tray, screenshots; the X client library's headers for watching the XEmbed tray;
+    # Wayland: Qt's platform plug-in and a compositor for the tests
+    qt6-base-dev libqt6svg6 qt6-qpa-plugins xvfb trayer imagemagick xdotool libxcb1-dev
+    qt6-wayland weston
     # packages: icons rendered from SVG, the disk image, package checks, the end-to-end test
     librsvg2-bin xorriso dpkg-dev lintian appstream e2fsprogs binutils
     # throwaway keys and certificates: the release configure test, the end-to-end test and the

@@ -6,7 +6,11 @@
 #include "app/HelperApplication.h"
 #include "app/installer/CopyLock.h"
 #ifdef VELMORA_WITH_TRAY
+#include <cstdlib>
+
+#include "app/DisplayProbe.h"
 #include "app/TrayModule.h"
+#include "config/Log.h"
 #endif
 
 int main(int argc, char** argv) {
@@ -22,11 +26,19 @@ int main(int argc, char** argv) {
 #ifdef VELMORA_WITH_TRAY
     // Qt is only loaded for the tray: headless runs and commands never map it.
     if (velmora::wantsTray(arguments)) {
-        if (std::optional<int> code = velmora::TrayModule::run(argc, argv, std::cerr)) {
-            return *code;
+        // A stale display name would make Qt end the process before any fallback.
+        namespace DisplayProbe = velmora::DisplayProbe;
+        DisplayProbe::Verdict display = DisplayProbe::probe(&std::getenv);
+        if (!display.reachable) {
+            // Still serve the pages: without its tray the helper does its main job headless.
+            velmora::log(display.problem + "; serving without a tray");
+        } else {
+            if (!display.platform.empty()) ::setenv("QT_QPA_PLATFORM", display.platform.c_str(), 1);
+            if (std::optional<int> code = velmora::TrayModule::run(argc, argv, std::cerr)) {
+                return *code;
+            }
+            std::cerr << "velmora-audio-helper: running headless instead\n";
         }
-        // Still serve the pages: without its tray the helper does its main job headless.
-        std::cerr << "velmora-audio-helper: running headless instead\n";
     }
 #endif
     return velmora::runHelperApplication(args, std::cout, std::cerr);

@@ -32,9 +32,13 @@ QString text(std::string_view value) {
     return QString::fromUtf8(value.data(), static_cast<qsizetype>(value.size()));
 }
 
-// A tray application has no window of its own to raise: the dialog itself comes forward.
+// A tray application has no window of its own to raise: the dialog itself comes forward. Wayland
+// lets no client keep itself above others or raise itself; there the compositor decides, and
+// those in use give a new dialog the focus.
 void bringToFront(QWidget& dialog) {
-    dialog.setWindowFlag(Qt::WindowStaysOnTopHint);
+    if (!QGuiApplication::platformName().startsWith("wayland")) {
+        dialog.setWindowFlag(Qt::WindowStaysOnTopHint);
+    }
     dialog.show();
     dialog.raise();
     dialog.activateWindow();
@@ -84,26 +88,16 @@ AppDelegate::~AppDelegate() {
 bool AppDelegate::applicationDidFinishLaunching() {
     if (services_.installerTakesOver && services_.installerTakesOver()) return false;
 
-    statusItem_ = std::make_unique<QSystemTrayIcon>();
-    statusItem_->setToolTip(trayName);
+    statusItem_ = std::make_unique<TrayHost>(menu_, TrayHost::Actions{
+                                                        .menuWillOpen = [this] { menuWillOpen(); },
+                                                        .quit = [this] { quit(); },
+                                                    });
 
     // Enabled states are set by hand below; QMenu never changes them by itself.
     connect(&menu_, &QMenu::aboutToShow, this, [this] { menuWillOpen(); });
     fillMenu();
-
-    statusItem_->setContextMenu(&menu_);
-    // Some panels send a plain click rather than asking for the context menu.
-    connect(statusItem_.get(), &QSystemTrayIcon::activated, this,
-            [this](QSystemTrayIcon::ActivationReason reason) {
-                if (reason == QSystemTrayIcon::Trigger) menu_.popup(QCursor::pos());
-            });
-    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
-        log("No system tray is available on this desktop (no StatusNotifierItem host and no "
-            "XEmbed tray); showing the status in a window instead");
-        fallbackWindow_ = std::make_unique<FallbackWindow>(menu_, [this] { quit(); });
-    }
     render();
-    statusItem_->show();
+    statusItem_->start();
 
     services_.server->setOnStatus(relay_.handlerFor([this](const HelperStatus& status) {
         status_ = status;
@@ -159,11 +153,7 @@ void AppDelegate::render() {
     TrayAppearance appearance = velmora::render(status_, HelperSettings::shared().port());
     statusLine_->setText(QString::fromStdString(appearance.statusText));
     permissionItem_->setVisible(appearance.permissionItemVisible);
-    if (statusItem_) {
-        statusItem_->setIcon(statusIcon(appearance.iconName));
-        statusItem_->setToolTip(QString::fromStdString(appearance.toolTip));
-    }
-    if (fallbackWindow_) fallbackWindow_->show(appearance);
+    if (statusItem_) statusItem_->show(appearance);
 }
 
 void AppDelegate::openVelmora() {

@@ -3,7 +3,6 @@
 #include <QAction>
 #include <QMenu>
 #include <QObject>
-#include <QSystemTrayIcon>
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +11,7 @@
 #include "app/LoginItemService.h"
 #include "app/tray/FallbackWindow.h"
 #include "app/tray/MainThreadStatusRelay.h"
+#include "app/tray/TrayHost.h"
 #include "capture/AudioCapturePermission.h"
 #include "server/HelperServer.h"
 #include "server/HelperStatus.h"
@@ -57,8 +57,8 @@ class AppDelegate final : public QObject {
     QAction& statusLine() { return *statusLine_; }
     QAction& permissionItem() { return *permissionItem_; }
     QAction& loginItem() { return *loginItem_; }
-    QSystemTrayIcon* statusItem() { return statusItem_.get(); }
-    FallbackWindow* fallbackWindow() { return fallbackWindow_.get(); }
+    // Null until launched.
+    TrayHost* statusItem() { return statusItem_.get(); }
     const HelperStatus& status() const { return status_; }
 
   private:
@@ -68,12 +68,11 @@ class AppDelegate final : public QObject {
     Services services_;
     // Before the tray item, which shows it and so must go first.
     QMenu menu_;
-    std::unique_ptr<QSystemTrayIcon> statusItem_;
+    std::unique_ptr<TrayHost> statusItem_;
     QAction* statusLine_ = nullptr;
     QAction* permissionItem_ = nullptr;
     QAction* loginItem_ = nullptr;
     HelperStatus status_;
-    std::unique_ptr<FallbackWindow> fallbackWindow_;
     MainThreadStatusRelay relay_{this};
 };
 
