@@ -125,6 +125,9 @@ check_hardening() {
         readelf -d "$file" | grep "BIND_NOW" >/dev/null || fail "$file is not linked with -z now"
         readelf -l "$file" | grep "GNU_RELRO" >/dev/null || fail "$file has no RELRO segment"
         readelf -W --dyn-syms "$file" | grep "__stack_chk_fail" >/dev/null || fail "$file has no stack protector"
+    done
+    # The executable is main() alone, with nothing to fortify; the code is in the other two.
+    for file in "$core" "$module"; do
         readelf -W --dyn-syms "$file" | grep -E " __[a-z0-9_]+_chk(@|$)" >/dev/null ||
             fail "$file calls no fortified function"
     done
@@ -147,10 +150,10 @@ check_hardening() {
 check_core_once() {
     local deb=$1 executable=$2 core=$3 module=$4 file
     local settings="_ZN7velmora14HelperSettings6sharedEv"
-    nm -D --defined-only "$core" | grep -q " T $settings$" ||
+    nm -D --defined-only "$core" | grep " T $settings$" >/dev/null ||
         fail "the core library does not define HelperSettings::shared()"
     for file in "$executable" "$module"; do
-        readelf -d "$file" | grep -q "NEEDED.*\[libvelmora-core.so\]" ||
+        readelf -d "$file" | grep "NEEDED.*\[libvelmora-core.so\]" >/dev/null ||
             fail "$file does not link the core library"
         local defined
         # Strong definitions only: an inline function the compiler also emitted here (a weak
@@ -158,11 +161,11 @@ check_core_once() {
         defined=$(nm -D --defined-only "$file" | grep -E " [TDBR] .*velmora" |
             grep -v " T velmora_run_tray$" || true)
         [ -z "$defined" ] || fail "$file defines symbols of the core: $defined"
-        nm -D --undefined-only "$file" | grep -q velmora || fail "$file uses nothing of the core"
+        nm -D --undefined-only "$file" | grep velmora >/dev/null || fail "$file uses nothing of the core"
     done
-    readelf -d "$executable" | grep -q 'RUNPATH.*\[\$ORIGIN/../lib/velmora-audio-helper/core\]' ||
+    readelf -d "$executable" | grep 'RUNPATH.*\[\$ORIGIN/../lib/velmora-audio-helper/core\]' >/dev/null ||
         fail "the executable does not look for the core beside it: $(readelf -d "$executable" | grep RUNPATH)"
-    readelf -d "$module" | grep -q 'RUNPATH.*\[\$ORIGIN/../core\]' ||
+    readelf -d "$module" | grep 'RUNPATH.*\[\$ORIGIN/../core\]' >/dev/null ||
         fail "the tray module does not look for the core beside it: $(readelf -d "$module" | grep RUNPATH)"
     if dpkg-deb -I "$deb" | grep -E "ldconfig|postinst|postrm|triggers"; then
         fail "the package runs ldconfig or maintainer scripts (above)"
