@@ -2,9 +2,10 @@
 # End to end on this machine, as a user gets the helper:
 #   1. builds the packages (the .debs, the tarball, the disk image) with the release preset and a
 #      throwaway production key made for this run;
-#   2. lintian finds no error and no hardening tag in the .debs; readelf finds the executable and
-#      the tray module linked with full RELRO and immediate binding, the executable as PIE; no
-#      path of this machine is left in them; apt installs the packages; the installed helper
+#   2. lintian finds no error and no hardening tag in the .debs and the helper's runs no ldconfig;
+#      readelf finds the executable, the core library and the tray module linked with full RELRO
+#      and immediate binding, the executable as PIE, the core's code in the core library alone;
+#      no path of this machine is left in them; apt installs the packages; the installed helper
 #      serves a page its "hello", refuses a pass signed with the committed development key and
 #      streams to a page whose pass the throwaway key signed; dpkg -r removes them cleanly;
 #   3. the disk image, mounted read-only through a loop device, starts the helper in the test mode
@@ -105,8 +106,8 @@ helper_trusts_only_the_production_key() {
     echo "end-to-end: the development key's pass is refused; the production key's pass streams"
 }
 
-# The packaged executable and tray module: lintian's hardening tags, then what readelf shows, and
-# that neither names this machine's source or build folder.
+# The packaged executable, core library and tray module: lintian's hardening tags, then what
+# readelf shows, and that none names this machine's source or build folder.
 check_hardening() {
     local deb=$1 build=$2 findings=$3 tree=$4
     if grep -E "hardening-" <<<"$findings"; then
@@ -115,24 +116,61 @@ check_hardening() {
     dpkg-deb -x "$deb" "$tree"
     local executable="$tree/usr/bin/velmora-audio-helper"
     local module="$tree/usr/lib/velmora-audio-helper/modules/velmora-tray.so"
+    local core="$tree/usr/lib/velmora-audio-helper/core/libvelmora-core.so"
     [ -f "$module" ] || fail "the package holds no tray module"
+    [ -f "$core" ] || fail "the package holds no core library"
+    check_core_once "$deb" "$executable" "$core" "$module"
     local file
-    for file in "$executable" "$module"; do
+    for file in "$executable" "$core" "$module"; do
         readelf -d "$file" | grep "BIND_NOW" >/dev/null || fail "$file is not linked with -z now"
         readelf -l "$file" | grep "GNU_RELRO" >/dev/null || fail "$file has no RELRO segment"
         readelf -W --dyn-syms "$file" | grep "__stack_chk_fail" >/dev/null || fail "$file has no stack protector"
+    done
+    # The executable is main() alone, with nothing to fortify; the code is in the other two.
+    for file in "$core" "$module"; do
         readelf -W --dyn-syms "$file" | grep -E " __[a-z0-9_]+_chk(@|$)" >/dev/null ||
             fail "$file calls no fortified function"
     done
     readelf -h "$executable" | grep -E "Type: +DYN" >/dev/null || fail "$executable is not position-independent"
     readelf -d "$executable" | grep -E "FLAGS_1.*PIE" >/dev/null || fail "$executable is not marked PIE"
     readelf -n "$executable" | grep "x86 feature" || true
-    for file in "$executable" "$module" "$build/src/app/velmora-audio-helper"; do
+    for file in "$executable" "$core" "$module" "$build/src/app/velmora-audio-helper" \
+        "$build/src/libvelmora-core.so"; do
         if strings -a "$file" | grep -F -e "$PWD" -e "dev-pass-key"; then
             fail "$file names this machine's source folder or the development key file (above)"
         fi
     done
     echo "end-to-end: hardened (BIND_NOW, RELRO, PIE, stack protector, fortified calls); no build path"
+}
+
+# The core is in the package once: the core library defines its symbols (the settings store for
+# one), the executable and the tray module only use them (the module defines its entry point
+# alone), and both find the library through run paths relative to themselves. A private library
+# runs no ldconfig.
+check_core_once() {
+    local deb=$1 executable=$2 core=$3 module=$4 file
+    local settings="_ZN7velmora14HelperSettings6sharedEv"
+    nm -D --defined-only "$core" | grep " T $settings$" >/dev/null ||
+        fail "the core library does not define HelperSettings::shared()"
+    for file in "$executable" "$module"; do
+        readelf -d "$file" | grep "NEEDED.*\[libvelmora-core.so\]" >/dev/null ||
+            fail "$file does not link the core library"
+        local defined
+        # Strong definitions only: an inline function the compiler also emitted here (a weak
+        # symbol) is resolved to one copy for the whole process.
+        defined=$(nm -D --defined-only "$file" | grep -E " [TDBR] .*velmora" |
+            grep -v " T velmora_run_tray$" || true)
+        [ -z "$defined" ] || fail "$file defines symbols of the core: $defined"
+        nm -D --undefined-only "$file" | grep velmora >/dev/null || fail "$file uses nothing of the core"
+    done
+    readelf -d "$executable" | grep 'RUNPATH.*\[\$ORIGIN/../lib/velmora-audio-helper/core\]' >/dev/null ||
+        fail "the executable does not look for the core beside it: $(readelf -d "$executable" | grep RUNPATH)"
+    readelf -d "$module" | grep 'RUNPATH.*\[\$ORIGIN/../core\]' >/dev/null ||
+        fail "the tray module does not look for the core beside it: $(readelf -d "$module" | grep RUNPATH)"
+    if dpkg-deb -I "$deb" | grep -E "ldconfig|postinst|postrm|triggers"; then
+        fail "the package runs ldconfig or maintainer scripts (above)"
+    fi
+    echo "end-to-end: the core is in libvelmora-core.so alone; the executable and the tray link it"
 }
 
 # The processes whose executable is $1.

@@ -18,7 +18,8 @@ namespace velmora::HelperPass {
 std::optional<VerificationKey> keyFromBase64(std::string_view base64X963);
 
 // The built-in keys: the production key, then the development keys; entries that do not
-// decode are left out. Built once, on first use.
+// decode are left out. Built once, on first use, from the keys' text alone: OpenSSL reads each
+// key when it first checks a pass.
 const std::vector<VerificationKey>& keys();
 
 // How many built-in keys there are, and how many of them are development keys.

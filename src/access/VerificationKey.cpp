@@ -5,6 +5,8 @@
 #include <openssl/evp.h>
 #include <openssl/param_build.h>
 
+#include <mutex>
+
 namespace velmora::HelperPass {
 namespace {
 
@@ -46,29 +48,57 @@ std::shared_ptr<EVP_PKEY> publicKeyFromPoint(std::string_view point) {
     return shared;
 }
 
-}  // namespace
-
-std::optional<VerificationKey> VerificationKey::fromX963(std::string_view point) {
-    if (point.size() != x963PointSize ||
-        static_cast<unsigned char>(point.front()) != uncompressedPointTag) {
-        return std::nullopt;
-    }
-    auto key = publicKeyFromPoint(point);
-    // A refused key leaves its reasons on this thread's OpenSSL error queue; nobody reads them.
-    ERR_clear_error();
-    if (!key) {
-        return std::nullopt;
-    }
-    return VerificationKey(std::move(key));
+bool hasX963Form(std::string_view point) {
+    return point.size() == x963PointSize &&
+           static_cast<unsigned char>(point.front()) == uncompressedPointTag;
 }
 
-VerificationKey::VerificationKey(std::shared_ptr<EVP_PKEY> key) : key_(std::move(key)) {}
+}  // namespace
+
+// The point, and OpenSSL's key once it has been made from it (null when the point is refused).
+struct VerificationKey::Parsed {
+    explicit Parsed(std::string_view bytes) : point(bytes) {}
+
+    EVP_PKEY* key() {
+        std::call_once(once, [this] {
+            parsedKey = publicKeyFromPoint(point);
+            // A refused key leaves its reasons on this thread's OpenSSL error queue; nobody
+            // reads them.
+            ERR_clear_error();
+        });
+        return parsedKey.get();
+    }
+
+    const std::string point;
+    std::once_flag once;
+    std::shared_ptr<EVP_PKEY> parsedKey;
+};
+
+std::optional<VerificationKey> VerificationKey::fromX963(std::string_view point) {
+    std::optional<VerificationKey> key = parsedOnFirstUse(point);
+    if (!key || !key->parsed_->key()) {
+        return std::nullopt;
+    }
+    return key;
+}
+
+std::optional<VerificationKey> VerificationKey::parsedOnFirstUse(std::string_view point) {
+    if (!hasX963Form(point)) {
+        return std::nullopt;
+    }
+    return VerificationKey(std::make_shared<Parsed>(point));
+}
+
+VerificationKey::VerificationKey(std::shared_ptr<Parsed> parsed) : parsed_(std::move(parsed)) {}
 
 bool VerificationKey::verifies(std::string_view message, std::string_view derSignature) const {
+    EVP_PKEY* key = parsed_->key();
+    if (!key) {
+        return false;
+    }
     DigestPointer context(EVP_MD_CTX_new());
     const bool verified =
-        context &&
-        EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, key_.get()) == 1 &&
+        context && EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, key) == 1 &&
         EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char*>(derSignature.data()),
                          derSignature.size(),
                          reinterpret_cast<const unsigned char*>(message.data()),

@@ -409,10 +409,14 @@ TEST_F(TrayOverDBusTest, HeadlessAndCommandsNeverLoadQtPluginsEvenWithADisplay) 
 }
 
 TEST_F(TrayOverDBusTest, WithoutItsTrayModuleTheHelperSaysWhyAndServesHeadless) {
-    // A copy of the program that lost its module, as a half-copied portable folder would be.
+    // A copy of the program that lost its module, as a half-copied portable folder would be. It
+    // keeps its core library, which it cannot start without, where its run path finds it in the
+    // build tree: the folder above its own.
     std::filesystem::path lonely = desktop_->folder() / "lonely" / "bin";
     std::filesystem::create_directories(lonely);
     std::filesystem::copy_file(VELMORA_HELPER_EXECUTABLE, lonely / "velmora-audio-helper");
+    const std::filesystem::path core = VELMORA_CORE_LIBRARY;
+    std::filesystem::copy_file(core, lonely.parent_path() / core.filename());
     registerWatcher();
     helper_ = desktop_->launch({(lonely / "velmora-audio-helper").string(), "--no-install"},
                                sound_->environment(), "helper");
