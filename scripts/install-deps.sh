@@ -16,6 +16,8 @@ packages=(
     sox espeak-ng procps
     # the browser test
     chromium
+    # desktop entries as the desktop reads and launches them (gio, desktop-file-validate)
+    libglib2.0-bin desktop-file-utils
     # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
     # an XEmbed tray, screenshots

@@ -234,8 +234,9 @@ class AppDelegateTest : public QObject {
         tap_ = std::make_shared<FakeAudioTap::Control>();
         permission_ = std::make_shared<FakeCapturePermission>();
         permission_->setStatus(AudioCapturePermission::Status::authorized);
-        loginItems_ = std::make_shared<XdgAutostartLoginItem>(autostartFolder(),
-                                                              "/usr/bin/velmora-audio-helper");
+        // Start at login shows as on only for an entry that starts a program that is there.
+        loginItems_ = std::make_shared<XdgAutostartLoginItem>(
+            autostartFolder(), QCoreApplication::applicationFilePath().toStdString());
         mainQueue_ = std::make_unique<SerialQueue>("com.velmora.audiohelper.main");
         server_ = HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_,
                                        std::make_shared<FakeMicrophoneUsers>(), *mainQueue_, {},
