@@ -14,12 +14,17 @@
 
 namespace {
 
-// A copy run from a disk image offers to install itself, which ends the copies already running;
-// it must get as far as that offer.
+// A copy with a tray run from a disk image offers to install itself, which ends the copies
+// already running; it must get as far as that offer.
 bool mayOfferToInstall(const velmora::HelperArguments& arguments) {
-    if (arguments.noInstall) return false;
+#ifdef VELMORA_WITH_TRAY
+    if (arguments.noInstall || !velmora::wantsTray(arguments)) return false;
     std::optional<std::filesystem::path> executable = velmora::runningExecutable();
     return executable && velmora::AppInstaller::isOnReadOnlyFileSystem(*executable);
+#else
+    (void)arguments;
+    return false;  // without a tray there is no offer
+#endif
 }
 
 }  // namespace
