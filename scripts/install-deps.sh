@@ -16,6 +16,10 @@ packages=(
     sox espeak-ng procps
     # the browser test
     chromium
+    # desktop entries as the desktop reads and launches them (gio, desktop-file-validate)
+    libglib2.0-bin desktop-file-utils
+    # a stand-in X session manager for the tray's session test
+    libsm-dev libice-dev
     # the tray front end (its SVG status icons need the SVG icon engine, the panel the xcb
     # platform plugin) and its tests: offscreen and Xvfb displays, a private session bus
     # an XEmbed tray, screenshots; the X client library's headers for watching the XEmbed tray;

@@ -98,7 +98,9 @@ void printHelperUsage(std::ostream& stream) {
               "  --no-install  do not offer to install the helper\n"
               "  settings      show or change the port and the extra allowed origins\n"
               "                (velmora-audio-helper settings --help)\n"
-              "  listen        connect like a page and report what arrives\n";
+              "  listen        connect like a page and report what arrives\n"
+              "\n"
+              "Exits with status 3 when the helper is already running for this user.\n";
 }
 
 bool wantsTray(const HelperArguments& arguments) {

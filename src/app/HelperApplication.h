@@ -33,6 +33,9 @@ struct HelperArguments {
 // The usage text.
 void printHelperUsage(std::ostream& stream);
 
+// The exit code of a helper started while another copy of it runs for the same user.
+inline constexpr int exitAlreadyRunning = 3;
+
 // The whole process after main(): runs a command, or the helper itself without a tray until
 // SIGINT or SIGTERM. Returns the exit code: 0 done, 2 a bad command line, or the command's own
 // code.

@@ -5,6 +5,8 @@
 #include <ostream>
 #include <system_error>
 
+#include "config/RunningExecutable.h"
+
 namespace velmora::TrayModule {
 
 namespace {
@@ -24,14 +26,14 @@ std::vector<std::filesystem::path> candidates(const std::filesystem::path& execu
 }
 
 std::optional<int> run(int argc, char** argv, std::ostream& err) {
-    std::error_code error;
-    std::filesystem::path executable = std::filesystem::canonical("/proc/self/exe", error);
-    if (error) {
+    std::optional<std::filesystem::path> running = runningExecutable();
+    if (!running) {
         err << "velmora-audio-helper: the tray could not be loaded: the program's own path is "
-               "unknown ("
-            << error.message() << ")\n";
+               "unknown\n";
         return std::nullopt;
     }
+    const std::filesystem::path& executable = *running;
+    std::error_code error;
     std::string lastProblem = "no " + std::string(fileName) + " beside the program or in " +
                               installedFolder(executable).string();
     for (const std::filesystem::path& candidate : candidates(executable)) {

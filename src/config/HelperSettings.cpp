@@ -251,7 +251,17 @@ bool HelperSettings::update(const std::function<void(nlohmann::json&)>& change) 
         }
     }
     logAll(logLines);
+    {
+        std::lock_guard guard(reportLock_);
+        lastSaveProblem_.reset();
+        if (!saved && !logLines.empty()) lastSaveProblem_ = logLines.back();
+    }
     return saved;
+}
+
+std::optional<std::string> HelperSettings::lastSaveProblem() const {
+    std::lock_guard guard(reportLock_);
+    return lastSaveProblem_;
 }
 
 bool HelperSettings::setPort(std::int64_t port) {

@@ -67,6 +67,9 @@ class HelperSettings final {
     // integer), and the saved "extraOrigins" array as is (empty when unset or not all strings).
     std::optional<std::int64_t> savedPort() const;
     std::vector<std::string> savedExtraOrigins() const;
+    // The line logged when the last write failed (which file, and why); nothing when it
+    // succeeded.
+    std::optional<std::string> lastSaveProblem() const;
     // Why the file can't be used, when it exists but is unreadable or not a JSON object;
     // reads then see every key as unset and the next write moves the file aside.
     std::optional<std::string> fileProblem() const;
@@ -82,6 +85,7 @@ class HelperSettings final {
     // The last refusal logged, so a planted file is logged once, not at every read.
     mutable std::mutex reportLock_;
     mutable std::string lastRefusal_;
+    std::optional<std::string> lastSaveProblem_;
 
     bool update(const std::function<void(nlohmann::json&)>& change);
     void noteRefusal(bool refused, const std::optional<std::string>& problem) const;

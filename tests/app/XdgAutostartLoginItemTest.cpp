@@ -21,9 +21,21 @@ class XdgAutostartLoginItemTest : public ::testing::Test {
   protected:
     TemporaryFolder configHome;
     ScopedEnvironment environment{"XDG_CONFIG_HOME", configHome.path().string()};
-    std::filesystem::path executable = "/opt/Velmora Audio/velmora-audio-helper";
+    // A program that is there to be started, in a folder whose name needs quoting.
+    std::filesystem::path executable = installProgram(configHome / "Velmora Audio");
     XdgAutostartLoginItem item{XdgAutostartLoginItem::defaultAutostartFolder(), executable};
     std::filesystem::path entry = configHome / "autostart" / "velmora-audio-helper.desktop";
+
+    static std::filesystem::path installProgram(const std::filesystem::path& folder) {
+        std::filesystem::path program = folder / "velmora-audio-helper";
+        writeText(program, "#!/bin/sh\n");
+        std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+        return program;
+    }
+    std::string ownEntry(const std::string& exec) {
+        return "[Desktop Entry]\nType=Application\nExec=" + exec + "\n" +
+               XdgAutostartLoginItem::markerKey + "=true\n";
+    }
 };
 
 TEST_F(XdgAutostartLoginItemTest, TheEntryLivesInTheConfigHomesAutostartFolder) {
@@ -40,11 +52,9 @@ TEST_F(XdgAutostartLoginItemTest, RegisteringWritesAnEntryThatStartsThisExecutab
     std::string text = readText(entry);
     EXPECT_EQ(text.rfind("[Desktop Entry]\n", 0), 0u) << text;
     EXPECT_NE(text.find("\nType=Application\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nExec=\"/opt/Velmora Audio/velmora-audio-helper\" --no-welcome\n"),
-              std::string::npos)
+    EXPECT_NE(text.find("\nExec=\"" + executable.string() + "\" --no-welcome\n"), std::string::npos)
         << text;
-    EXPECT_NE(text.find("\nTryExec=/opt/Velmora Audio/velmora-audio-helper\n"), std::string::npos)
-        << text;
+    EXPECT_NE(text.find("\nTryExec=" + executable.string() + "\n"), std::string::npos) << text;
     EXPECT_FALSE(std::filesystem::exists(entry.string() + ".partial"));
 }
 
@@ -63,15 +73,37 @@ TEST_F(XdgAutostartLoginItemTest, OtherEntriesInTheFolderAreLeftAlone) {
     EXPECT_EQ(readText(other), "[Desktop Entry]\nType=Application\nExec=someone-else\n");
 }
 
-TEST_F(XdgAutostartLoginItemTest, AForeignEntryUnderOurNameIsNeverRemoved) {
-    const std::string foreign = "[Desktop Entry]\nType=Application\nExec=/usr/bin/velmora\n";
+TEST_F(XdgAutostartLoginItemTest, AForeignEntryUnderOurNameIsNeverChanged) {
+    const std::string foreign =
+        "[Desktop Entry]\nType=Application\nExec=" + executable.string() + "\n";
     writeText(entry, foreign);
-    EXPECT_EQ(item.status(), Status::enabled);
+    // Not ours, so not shown as on, whatever it starts.
+    EXPECT_EQ(item.status(), Status::notRegistered);
     EXPECT_THROW(item.unregisterItem(), LoginItemError);
     EXPECT_EQ(readText(entry), foreign);
-    // It starts the helper already, so switching on leaves it as it is too.
-    item.registerItem();
+    EXPECT_THROW(item.registerItem(), LoginItemError);
     EXPECT_EQ(readText(entry), foreign);
+}
+
+// Turned on from a disk image that was ejected since, or from a copy that was removed: nothing
+// would start at login, so it reads as off, and switching on points it at this copy.
+TEST_F(XdgAutostartLoginItemTest, OurEntryForAProgramThatIsGoneReadsAsOff) {
+    writeText(entry, ownEntry("\"/media/user/VELMORA/velmora-audio-helper/bin/"
+                              "velmora-audio-helper\" --no-welcome"));
+    EXPECT_EQ(item.status(), Status::notRegistered);
+    item.registerItem();
+    EXPECT_EQ(item.status(), Status::enabled);
+    EXPECT_NE(readText(entry).find(executable.string()), std::string::npos);
+}
+
+TEST_F(XdgAutostartLoginItemTest, OurEntryForAFileThatCannotRunReadsAsOff) {
+    writeText(configHome / "not-a-program", "text");
+    writeText(entry, ownEntry((configHome / "not-a-program").string()));
+    EXPECT_EQ(item.status(), Status::notRegistered);
+    writeText(entry, ownEntry("velmora-audio-helper"));  // not a full path: whichever PATH finds
+    EXPECT_EQ(item.status(), Status::notRegistered);
+    writeText(entry, ownEntry("\"" + executable.string()));  // an unfinished quote
+    EXPECT_EQ(item.status(), Status::notRegistered);
 }
 
 TEST_F(XdgAutostartLoginItemTest, HiddenEntryReadsAsOff) {
@@ -86,8 +118,8 @@ TEST_F(XdgAutostartLoginItemTest, GnomeAutostartDisabledReadsAsOff) {
 }
 
 TEST_F(XdgAutostartLoginItemTest, KeysOutsideTheMainGroupDoNotSwitchItOff) {
-    writeText(entry,
-              "[Desktop Entry]\nType=Application\nExec=x\n[Desktop Action x]\nHidden=true\n");
+    item.registerItem();
+    writeText(entry, readText(entry) + "[Desktop Action x]\nHidden=true\n");
     EXPECT_EQ(item.status(), Status::enabled);
 }
 

@@ -70,6 +70,19 @@ TEST_F(SettingsFileSafetyTest, PlantedLinkIsRefusedAndItsTargetUntouched) {
                                      ": it is a symbolic link; it was left alone."));
 }
 
+// The port dialog shows the reason a save failed; a later save that works clears it.
+TEST_F(SettingsFileSafetyTest, AFailedSaveKeepsItsReasonUntilTheNextSave) {
+    EXPECT_EQ(settings.lastSaveProblem(), std::nullopt);
+    std::filesystem::create_directories(file.parent_path());
+    std::filesystem::create_symlink(victim, file);
+    EXPECT_FALSE(settings.setPort(5000));
+    EXPECT_EQ(settings.lastSaveProblem(), "Couldn't save the settings to " + file.string() +
+                                              ": it is a symbolic link; it was left alone.");
+    std::filesystem::remove(file);
+    EXPECT_TRUE(settings.setPort(5000));
+    EXPECT_EQ(settings.lastSaveProblem(), std::nullopt);
+}
+
 TEST_F(SettingsFileSafetyTest, PlantedFifoDoesNotBlockReadsOrWrites) {
     std::filesystem::create_directories(file.parent_path());
     ASSERT_EQ(::mkfifo(file.c_str(), 0666), 0);

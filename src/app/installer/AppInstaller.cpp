@@ -3,6 +3,7 @@
 #include "app/installer/LaunchLocation.h"
 #include "app/installer/QtInstallerFrontEnd.h"
 #include "app/installer/SelfInstaller.h"
+#include "config/RunningExecutable.h"
 
 namespace velmora::AppInstaller {
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -92,6 +93,22 @@ std::unique_ptr<CopyLock> CopyLock::take(const std::filesystem::path& folder) {
         return nullptr;
     }
     return std::unique_ptr<CopyLock>(new CopyLock(opened.descriptor, file));
+}
+
+CopyLock::Start CopyLock::takeUnlessRunning(const std::filesystem::path& folder) {
+    Start start;
+    if (folder.empty() || PrivateFiles::makeFolder(folder)) {
+        start.lock = take(folder);  // says why there is no lock
+        return start;
+    }
+    // Held only while looking and taking; closing the descriptor lets the next copy look.
+    const int folderDescriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool serialised = folderDescriptor >= 0 && ::flock(folderDescriptor, LOCK_EX) == 0;
+    start.others = lockHolders(folder);
+    if (start.others.empty()) start.lock = take(folder);
+    if (!serialised) log("Couldn't lock " + folder.string() + " while looking for other copies.");
+    if (folderDescriptor >= 0) ::close(folderDescriptor);
+    return start;
 }
 
 bool holdsCopyLock(const std::filesystem::path& folder, pid_t pid) {

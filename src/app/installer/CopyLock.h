@@ -22,6 +22,15 @@ class CopyLock {
   public:
     // The lock of this process in `folder`; absent (with a log line) when it can't be taken.
     static std::unique_ptr<CopyLock> take(const std::filesystem::path& folder);
+
+    // What a starting helper finds: its own lock, or the other copies already running (and then
+    // no lock of its own). Looking and taking happen under a lock on the folder, so of two
+    // copies started at once exactly one goes on.
+    struct Start {
+        std::unique_ptr<CopyLock> lock;
+        std::vector<pid_t> others;
+    };
+    static Start takeUnlessRunning(const std::filesystem::path& folder);
     ~CopyLock();
     CopyLock(const CopyLock&) = delete;
     CopyLock& operator=(const CopyLock&) = delete;

@@ -10,14 +10,19 @@ namespace velmora::AppInstaller {
 
 // The hand-over script, run as `/bin/sh -c <script> sh <pid> <device> <installed executable>`:
 // waits until the process `pid` has gone, detaches the disk image's device when one is named
-// (through the desktop's disk service, again by force a second later, and with umount when the
-// service can't do it), then becomes the installed copy.
+// (through the desktop's disk service: unmounted, again by force a second later, then its loop
+// device deleted; with umount when the service can't unmount it), then becomes the installed
+// copy.
 inline constexpr std::string_view handOverScript =
     "while kill -0 \"$1\" 2>/dev/null; do sleep 0.2; done\n"
     "if [ -n \"$2\" ]; then\n"
-    "    udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 ||"
-    " { sleep 1; udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1 ||"
-    " umount \"$2\"; }\n"
+    "    if udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 ||"
+    " { sleep 1; udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1; };"
+    " then\n"
+    "        udisksctl loop-delete --no-user-interaction -b \"$2\" >/dev/null 2>&1\n"
+    "    else\n"
+    "        umount \"$2\"\n"
+    "    fi\n"
     "fi\n"
     "exec \"$3\" </dev/null";
 

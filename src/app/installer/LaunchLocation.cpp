@@ -4,13 +4,6 @@
 
 namespace velmora::AppInstaller {
 
-std::optional<std::filesystem::path> runningExecutable() {
-    std::error_code error;
-    std::filesystem::path resolved = std::filesystem::canonical("/proc/self/exe", error);
-    if (error) return std::nullopt;
-    return resolved;
-}
-
 bool isOnReadOnlyFileSystem(const std::filesystem::path& path) {
     struct statvfs info {};
     if (::statvfs(path.c_str(), &info) != 0) return false;

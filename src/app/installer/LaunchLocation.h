@@ -5,10 +5,6 @@
 
 namespace velmora::AppInstaller {
 
-// The running program's executable with every symbolic link resolved, or nothing when the
-// system won't say.
-std::optional<std::filesystem::path> runningExecutable();
-
 // True only when the file system holding `path` is known to be mounted read-only; a path that
 // can't be asked about is not.
 bool isOnReadOnlyFileSystem(const std::filesystem::path& path);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "app/installer/AutostartEntry.h"
 #include "app/installer/CopyLock.h"
 #include "app/installer/DesktopEntry.h"
 #include "app/installer/HandOver.h"
@@ -23,6 +24,9 @@ InstallOptions InstallOptions::standard() {
         .applicationsFolder = data.empty() ? data : data / "applications",
         .runningCopiesFolder = AppInstaller::runningCopiesFolder(),
         .handOver = &AppInstaller::relaunch,
+        .systemApplicationsFolder = AppInstaller::systemApplicationsFolder,
+        .systemCommandFolder = AppInstaller::systemCommandFolder,
+        .autostartFolder = AutostartEntry::defaultFolder(),
     };
 }
 
@@ -44,8 +48,9 @@ void addOwnerWrite(const std::filesystem::path& path) {
 
 std::filesystem::path install(const std::filesystem::path& source, InstallerFrontEnd& frontEnd,
                               const InstallOptions& options) {
-    const std::filesystem::path destination =
-        targetFolder(options.systemFolder, options.userFolder) / installedFolderName;
+    const std::filesystem::path target = targetFolder(options.systemFolder, options.userFolder);
+    const std::filesystem::path destination = target / installedFolderName;
+    const bool forEveryone = target == options.systemFolder;
 
     quitOtherCopies(options.runningCopiesFolder, [&frontEnd](std::chrono::milliseconds slice) {
         frontEnd.turnEventLoop(slice);
@@ -66,11 +71,24 @@ std::filesystem::path install(const std::filesystem::path& source, InstallerFron
     std::filesystem::recursive_directory_iterator walk(destination, error), end;
     for (; !error && walk != end; walk.increment(error)) addOwnerWrite(walk->path());
 
-    // The copy works without a menu entry; a missing one is worth a line, not a failed install.
+    // The copy works without a menu entry or a command on PATH; a missing one is worth a line, not
+    // a failed install.
     try {
-        writeDesktopEntry(destination, options.applicationsFolder);
+        if (!forEveryone) {
+            writeDesktopEntry(destination, options.applicationsFolder);
+        } else if (!options.systemApplicationsFolder.empty()) {
+            makeSharedFolder(options.systemApplicationsFolder);
+            writeDesktopEntry(destination, options.systemApplicationsFolder);
+        }
     } catch (const InstallerError& failure) {
         log(failure.what());
+    }
+    if (forEveryone && !options.systemCommandFolder.empty()) {
+        try {
+            linkCommand(options.systemCommandFolder, destination / "bin" / "velmora-audio-helper");
+        } catch (const InstallerError& failure) {
+            log(failure.what());
+        }
     }
     return destination;
 }
@@ -95,9 +113,14 @@ bool runInstallOffer(const std::vector<std::string>& args,
         std::optional<DiskImageVolume> volume = diskImageVolume(source);
         log("Installed to " + installed.string() + "; ejecting " +
             (volume ? volume->mountPoint.string() : std::string("(no disk image)")));
-        if (options.handOver) {
-            options.handOver(installed / executable->lexically_relative(source), volume);
+        const std::filesystem::path installedExecutable =
+            installed / executable->lexically_relative(source);
+        // Start at login turned on from the image would start nothing once it is ejected.
+        if (auto problem =
+                AutostartEntry::followInstalledCopy(options.autostartFolder, installedExecutable)) {
+            log("Start at login still names the old copy: " + *problem);
         }
+        if (options.handOver) options.handOver(installedExecutable, volume);
         return true;
     } catch (const std::exception& failure) {
         // Folder, Trash and copy failures are InstallerErrors; anything else reads the same way.

@@ -221,7 +221,15 @@ void AppDelegate::editPort() {
         return;
     }
     if (*port == current) return;
-    settings.setPort(*port);
+    // Unsaved, the new port would be lost at the next start and the page told the wrong one:
+    // say why, and keep listening where the page already connects.
+    if (!settings.setPort(*port)) {
+        showAlert("Couldn't save the port",
+                  QString::fromStdString(settings.lastSaveProblem().value_or(
+                      "The settings file could not be written.")) +
+                      "\n\nThe port was not changed; the helper keeps listening where it was.");
+        return;
+    }
     services_.server->restart();
 }
 

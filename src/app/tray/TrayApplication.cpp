@@ -1,6 +1,7 @@
 #include "app/tray/TrayApplication.h"
 
 #include <QApplication>
+#include <QSessionManager>
 #include <csignal>
 #include <memory>
 
@@ -50,6 +51,15 @@ int runTrayApplication(const HelperArguments& arguments, const std::vector<std::
     QApplication::setDesktopFileName(HelperInfo::appId);
     // Closing a dialog must not end a program whose home is the tray.
     QApplication::setQuitOnLastWindowClosed(false);
+    // The X session manager must never start the helper again at the next login: start at login
+    // does that, and a restored copy would be a second one.
+    auto neverRestart = [](QSessionManager& manager) {
+        manager.setRestartHint(QSessionManager::RestartNever);
+    };
+    QObject::connect(&application, &QGuiApplication::commitDataRequest, &application, neverRestart,
+                     Qt::DirectConnection);
+    QObject::connect(&application, &QGuiApplication::saveStateRequest, &application, neverRestart,
+                     Qt::DirectConnection);
 
     TerminationSignals terminationSignals([](int signal) {
         log(std::string("Quitting (") + signalName(signal) + ")");

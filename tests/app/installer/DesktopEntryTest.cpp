@@ -31,6 +31,12 @@ TEST(DesktopEntry, QuotesAnExecutablePathWithBlanks) {
                                 "velmora-audio-helper\"\n"));
 }
 
+TEST(DesktopEntry, EscapesAPathAsTheAutostartEntryDoes) {
+    std::string text = AppInstaller::desktopEntryText("/home/a\\b/100%");
+    EXPECT_THAT(text, HasSubstr("\nExec=\"/home/a\\\\\\\\b/100%%/bin/velmora-audio-helper\"\n"));
+    EXPECT_THAT(text, HasSubstr("\nIcon=/home/a\\\\b/100%/share/"));
+}
+
 TEST(DesktopEntry, IsWrittenIntoTheApplicationsFolderCreatingIt) {
     TemporaryFolder data;
     std::filesystem::path file =

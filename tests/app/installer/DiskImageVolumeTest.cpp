@@ -4,6 +4,7 @@
 
 #include "ScratchMounts.h"
 #include "app/installer/LaunchLocation.h"
+#include "config/RunningExecutable.h"
 #include "config/TemporaryFolder.h"
 
 namespace velmora {
@@ -52,7 +53,7 @@ TEST(MountHolding, MalformedLinesAreSkipped) {
 TEST(DiskImageVolume, AFolderOnTheLocalDiskIsNoDiskImage) {
     TemporaryFolder folder;
     EXPECT_FALSE(AppInstaller::diskImageVolume(folder.path()).has_value());
-    EXPECT_FALSE(AppInstaller::diskImageVolume(*AppInstaller::runningExecutable()).has_value());
+    EXPECT_FALSE(AppInstaller::diskImageVolume(*runningExecutable()).has_value());
 }
 
 // The volume and device of a helper started from a mounted image of the given kind.

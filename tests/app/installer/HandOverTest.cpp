@@ -45,11 +45,12 @@ class HandOverScript : public ::testing::Test {
         writeTool(installed(), "pwd > '" + (folder_ / "started").string() + "'\n");
     }
 
-    // The disk service fails its first `failures` calls.
+    // The disk service fails its first `failures` unmounts.
     void diskServiceFailing(int failures) {
         writeTool(folder_ / "tools/udisksctl", "echo \"udisksctl $*\" >> '" + calls().string() +
                                                    "'\n"
-                                                   "count=$(grep -c udisksctl '" +
+                                                   "[ \"$1\" = unmount ] || exit 0\n"
+                                                   "count=$(grep -c 'udisksctl unmount' '" +
                                                    calls().string() + "')\n[ \"$count\" -gt " +
                                                    std::to_string(failures) + " ]\n");
     }
@@ -82,13 +83,17 @@ pid_t sleepingChild() {
     return child;
 }
 
-TEST(HandOverScriptText, IsTheFiveLineScript) {
+TEST(HandOverScriptText, IsTheScript) {
     EXPECT_EQ(AppInstaller::handOverScript,
               "while kill -0 \"$1\" 2>/dev/null; do sleep 0.2; done\n"
               "if [ -n \"$2\" ]; then\n"
-              "    udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 || { sleep 1; "
-              "udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1 || "
-              "umount \"$2\"; }\n"
+              "    if udisksctl unmount --no-user-interaction -b \"$2\" >/dev/null 2>&1 || { sleep "
+              "1; udisksctl unmount --no-user-interaction --force -b \"$2\" >/dev/null 2>&1; }; "
+              "then\n"
+              "        udisksctl loop-delete --no-user-interaction -b \"$2\" >/dev/null 2>&1\n"
+              "    else\n"
+              "        umount \"$2\"\n"
+              "    fi\n"
               "fi\n"
               "exec \"$3\" </dev/null");
 }
@@ -105,7 +110,9 @@ TEST_F(HandOverScript, WaitsForTheOldProcessThenDetachesTheImageAndStartsTheInst
     ::kill(old, SIGTERM);
     ::waitpid(old, nullptr, 0);
     script.join();
-    EXPECT_EQ(callText(), "udisksctl unmount --no-user-interaction -b /dev/loop7\n");
+    EXPECT_EQ(callText(),
+              "udisksctl unmount --no-user-interaction -b /dev/loop7\n"
+              "udisksctl loop-delete --no-user-interaction -b /dev/loop7\n");
     ASSERT_TRUE(std::filesystem::exists(started()));
 }
 
@@ -117,7 +124,8 @@ TEST_F(HandOverScript, DetachesByForceWhenTheFirstTryFails) {
     runScript(old, "/dev/loop7");
     EXPECT_EQ(callText(),
               "udisksctl unmount --no-user-interaction -b /dev/loop7\n"
-              "udisksctl unmount --no-user-interaction --force -b /dev/loop7\n");
+              "udisksctl unmount --no-user-interaction --force -b /dev/loop7\n"
+              "udisksctl loop-delete --no-user-interaction -b /dev/loop7\n");
     EXPECT_TRUE(std::filesystem::exists(started()));
 }
 
@@ -127,7 +135,7 @@ TEST_F(HandOverScript, FallsBackToUmountWhenTheDiskServiceCannotDetach) {
     ::kill(old, SIGKILL);
     ::waitpid(old, nullptr, 0);
     runScript(old, "/dev/loop7");
-    EXPECT_THAT(callText(), HasSubstr("--force -b /dev/loop7\numount /dev/loop7\n"));
+    EXPECT_THAT(callText(), ::testing::EndsWith("--force -b /dev/loop7\numount /dev/loop7\n"));
     EXPECT_TRUE(std::filesystem::exists(started()));
 }
 

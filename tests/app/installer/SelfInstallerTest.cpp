@@ -7,7 +7,10 @@
 
 #include "FakeInstallerFrontEnd.h"
 #include "ScratchMounts.h"
+#include "app/installer/AutostartEntry.h"
 #include "app/installer/InstallerError.h"
+#include "app/installer/ToolRun.h"
+#include "config/OwnFileChecks.h"
 #include "config/PlatformTexts.h"
 #include "config/TemporaryFolder.h"
 
@@ -41,6 +44,9 @@ class SelfInstaller : public ::testing::Test {
                     handedOverTo = executable;
                     handedOverVolume = volume;
                 },
+            .systemApplicationsFolder = folder_ / "usr/local/share/applications",
+            .systemCommandFolder = folder_ / "usr/local/bin",
+            .autostartFolder = folder_ / "home/.config/autostart",
         };
     }
 
@@ -135,18 +141,78 @@ TEST_F(SelfInstaller, AFailingCopyToolWithEmptyErrorOutputYieldsItsPathAndFailed
     }
 }
 
-TEST_F(SelfInstaller, InstallCopiesThePortableFolderWithItsModesAndWritesTheMenuEntry) {
+// An install into the system folder is for everyone on the machine: the menu entry goes where
+// every user's menu reads it, and the command onto everyone's PATH.
+TEST_F(SelfInstaller, ASystemInstallPutsItsMenuEntryAndCommandWhereEveryUserSeesThem) {
     std::filesystem::create_directories(folder_ / "opt");
+    std::filesystem::create_directories(folder_ / "usr/local");
     FakeInstallerFrontEnd frontEnd(true);
     const auto installed = AppInstaller::install(portable(), frontEnd, options());
     EXPECT_EQ(installed, folder_ / "opt/velmora-audio-helper");
+    const auto executable = installed / "bin/velmora-audio-helper";
     struct stat info {};
-    ASSERT_EQ(::stat((installed / "bin/velmora-audio-helper").c_str(), &info), 0);
+    ASSERT_EQ(::stat(executable.c_str(), &info), 0);
     EXPECT_NE(info.st_mode & S_IXUSR, 0u);
-    EXPECT_THAT(testing::readText(folder_ / "home/.local/share/applications/"
-                                            "velmora-audio-helper.desktop"),
-                ::testing::HasSubstr("Exec=" + (installed / "bin/velmora-audio-helper").string()));
+
+    const auto menu = folder_ / "usr/local/share/applications";
+    EXPECT_THAT(testing::readText(menu / "velmora-audio-helper.desktop"),
+                ::testing::HasSubstr("\nExec=" + executable.string() + "\n"));
+    EXPECT_EQ(testing::modeOf(menu), 0755u) << "other users' menus must read it";
+    EXPECT_EQ(testing::modeOf(menu.parent_path()), 0755u);
+    EXPECT_EQ(testing::modeOf(menu / "velmora-audio-helper.desktop"), 0644u);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "home/.local/share/applications"));
+
+    const auto command = folder_ / "usr/local/bin/velmora-audio-helper";
+    ASSERT_TRUE(std::filesystem::is_symlink(command));
+    EXPECT_EQ(std::filesystem::read_symlink(command), executable);
+    EXPECT_NO_THROW(AppInstaller::run(command.string(), {}));  // /bin/true runs
     EXPECT_THAT(frontEnd.trashed, IsEmpty());
+}
+
+TEST_F(SelfInstaller, APerUserInstallPutsItsMenuEntryInTheUsersFolderAndNoCommand) {
+    FakeInstallerFrontEnd frontEnd(true);
+    const auto installed = AppInstaller::install(portable(), frontEnd, options());
+    EXPECT_EQ(installed, folder_ / "home/.local/share/velmora-audio-helper");
+    EXPECT_THAT(
+        testing::readText(folder_ / "home/.local/share/applications/"
+                                    "velmora-audio-helper.desktop"),
+        ::testing::HasSubstr("\nExec=" + (installed / "bin/velmora-audio-helper").string() + "\n"));
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "usr"));
+}
+
+TEST_F(SelfInstaller, ASystemInstallReplacesItsOldCommandLinkButNotSomeoneElsesCommand) {
+    std::filesystem::create_directories(folder_ / "opt");
+    std::filesystem::create_directories(folder_ / "usr/local/bin");
+    const auto command = folder_ / "usr/local/bin/velmora-audio-helper";
+    std::filesystem::create_symlink(folder_ / "old/bin/velmora-audio-helper", command);
+    FakeInstallerFrontEnd frontEnd(true, folder_ / "trash");
+    const auto installed = AppInstaller::install(portable(), frontEnd, options());
+    EXPECT_EQ(std::filesystem::read_symlink(command), installed / "bin/velmora-audio-helper");
+
+    std::filesystem::remove(command);
+    testing::writeText(command, "#!/bin/sh\n# someone else's\n");
+    AppInstaller::install(portable(), frontEnd, options());
+    EXPECT_EQ(testing::readText(command), "#!/bin/sh\n# someone else's\n");
+    for (const auto& entry : std::filesystem::directory_iterator(command.parent_path())) {
+        EXPECT_EQ(entry.path(), command) << "a temporary link was left behind";
+    }
+}
+
+// Start at login turned on while running from the image follows the helper to its installed
+// copy; the next login starts that one.
+TEST_F(SelfInstaller, AnAutostartEntryOfOursFollowsTheInstalledCopy) {
+    testing::ReadOnlyBindMount image(folder_ / "image");
+    if (!image.mounted()) GTEST_SKIP() << testing::mountSkipReason;
+    const auto onImage = image.path() / "velmora-audio-helper/bin/velmora-audio-helper";
+    ASSERT_EQ(AutostartEntry::write(folder_ / "home/.config/autostart", onImage), std::nullopt);
+    FakeInstallerFrontEnd install(true);
+    EXPECT_TRUE(AppInstaller::runInstallOffer({}, onImage, install, options()));
+    ASSERT_TRUE(handedOverTo.has_value());
+    std::optional<AutostartEntry::Keys> keys =
+        AutostartEntry::read(folder_ / "home/.config/autostart/velmora-audio-helper.desktop");
+    ASSERT_TRUE(keys.has_value());
+    EXPECT_EQ(AutostartEntry::runnableProgram(*keys), *handedOverTo);
+    EXPECT_TRUE(AutostartEntry::isOurs(*keys));
 }
 
 TEST_F(SelfInstaller, AnExistingCopyGoesToTheTrashBeforeTheNewOneIsCopied) {

@@ -234,8 +234,9 @@ class AppDelegateTest : public QObject {
         tap_ = std::make_shared<FakeAudioTap::Control>();
         permission_ = std::make_shared<FakeCapturePermission>();
         permission_->setStatus(AudioCapturePermission::Status::authorized);
-        loginItems_ = std::make_shared<XdgAutostartLoginItem>(autostartFolder(),
-                                                              "/usr/bin/velmora-audio-helper");
+        // Start at login shows as on only for an entry that starts a program that is there.
+        loginItems_ = std::make_shared<XdgAutostartLoginItem>(
+            autostartFolder(), QCoreApplication::applicationFilePath().toStdString());
         mainQueue_ = std::make_unique<SerialQueue>("com.velmora.audiohelper.main");
         server_ = HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_,
                                        std::make_shared<FakeMicrophoneUsers>(), *mainQueue_, {},
@@ -415,6 +416,44 @@ class AppDelegateTest : public QObject {
         editPort(script);
         QCOMPARE(script.shown().size(), size_t(1));
         QCOMPARE(settings().port(), port_);
+        expectServerUntouched(*page);
+    }
+
+    // A port that can't be saved would be lost at the next start: the user is told why, and the
+    // listener stays where the page connects.
+    void unsavablePortIsShownAndTheServerKeepsItsPort() {
+        launch();
+        auto page = openPage();
+        QVERIFY(page);
+        const std::filesystem::path file = settings().file();
+        const std::filesystem::path kept = file.string() + ".kept";
+        std::filesystem::rename(file, kept);
+        // A link planted where the settings go is never written through.
+        std::filesystem::create_symlink(kept, file);
+        struct Restore {
+            std::filesystem::path file, kept;
+            ~Restore() {
+                std::filesystem::remove(file);
+                std::filesystem::rename(kept, file);
+            }
+        } restore{file, kept};
+        const std::string keptText = velmora::testing::readText(kept);
+
+        AlertScript script;
+        script.then(AlertScript::enterPort(QString::number(velmora::testing::freePort())))
+            .then(AlertScript::click("OK"));
+        editPort(script);
+        QCOMPARE(script.shown().size(), size_t(2));
+        QCOMPARE(script.shown()[1].text, QString("Couldn't save the port"));
+        const QString informative = script.shown()[1].informativeText;
+        QVERIFY2(informative.startsWith("Couldn't save the settings to " +
+                                        QString::fromStdString(file.string()) + ": "),
+                 qPrintable(informative));
+        QVERIFY2(informative.endsWith(
+                     "\n\nThe port was not changed; the helper keeps listening where it was."),
+                 qPrintable(informative));
+        QCOMPARE(script.shown()[1].buttons, QStringList{"OK"});
+        QCOMPARE(velmora::testing::readText(kept), keptText);
         expectServerUntouched(*page);
     }
 
