@@ -1,6 +1,5 @@
 #include "server/HelperServer.h"
 
-#include <thread>
 #include <utility>
 
 #include "config/HelperInfo.h"
@@ -69,11 +68,14 @@ HelperServer::~HelperServer() {
         return;
     }
     // The last owner let go inside one of our own callbacks. The queue cannot join its own
-    // thread, so another thread ends it once this callback has returned.
+    // thread, so the main queue, which outlives the server, ends it once this callback has
+    // returned. Not a detached thread: nothing would wait for it, and the rest of this teardown
+    // (the members, the pass keys' OpenSSL objects among them) would run on unordered with
+    // whatever the owner does next, the process's exit included.
     publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
-    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+    mainQueue_.post([queue = std::move(queue_)]() mutable { queue.reset(); });
 }
 
 void HelperServer::wireCapture() {
