@@ -14,6 +14,9 @@ for argument in "$@"; do
     esac
 done
 
+# A second's check before the long build: the portable core includes no Linux-only header.
+bash scripts/check-portable-core.sh
+
 bash scripts/install-deps.sh
 jobs=$(nproc)
 

@@ -1,33 +1,30 @@
 #include "config/Log.h"
 
-#include <syslog.h>
-#include <systemd/sd-journal.h>
-
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include "config/AudioKit.h"
 #include "config/LogFile.h"
 #include "config/SerialQueue.h"
+#include "config/SystemLog.h"
 #include "config/UserFolders.h"
 
 namespace velmora {
 namespace {
 
-// The journal fields and the file are fixed at first use, like the configuration they come from.
+// The system log's tags and the file are fixed at first use, like the configuration they come
+// from.
 struct Logger {
-    std::string subsystem;
-    std::string category = "helper";
+    std::unique_ptr<SystemLog> systemLog;
     LogFile file;
-    // Whether a refused log file was reported to the journal; touched on the queue only.
+    // Whether a refused log file was reported to the system log; touched on the queue only.
     bool refusalReported = false;
     SerialQueue queue{"com.velmora.audiokit.log"};
 
     Logger()
-        : subsystem(AudioKit::config().logSubsystem),
+        : systemLog(SystemLog::platform(AudioKit::config().logSubsystem, "helper")),
           file(LogFile::defaultFolder(), AudioKit::config().logFileName) {}
 
     // At process exit, lines still queued are written rather than dropped with the queue.
@@ -45,31 +42,14 @@ Logger& logger() {
     return instance;
 }
 
-void sendToJournal(const Logger& shared, const std::string& text) {
-    // Without a journal (containers, CI) this fails quickly and is ignored.
-    sd_journal_send("MESSAGE=%s", text.c_str(), "PRIORITY=%i", LOG_NOTICE,
-                    "SYSLOG_IDENTIFIER=velmora-audio-helper", "VELMORA_SUBSYSTEM=%s",
-                    shared.subsystem.c_str(), "VELMORA_CATEGORY=%s", shared.category.c_str(),
-                    nullptr);
-}
-
 }  // namespace
 
 void log(std::string_view message) {
     Logger& shared = logger();
     std::string text(message);
-    // The journal library opens its socket on first use, guarded by an atomic that the thread
-    // checker cannot see; sending the first message under a once-flag orders every later send
-    // after that opening for it as well.
-    static std::once_flag firstSend;
-    bool sent = false;
-    std::call_once(firstSend, [&] {
-        sendToJournal(shared, text);
-        sent = true;
-    });
-    if (!sent) sendToJournal(shared, text);
+    shared.systemLog->send(text);
     if (shared.file.path().empty() && UserFolders::claimNoHomeNotice()) {
-        sendToJournal(shared, UserFolders::noHomeNotice);
+        shared.systemLog->send(UserFolders::noHomeNotice);
     }
     shared.queue.post([text = std::move(text)] {
         Logger& owner = logger();
@@ -77,7 +57,7 @@ void log(std::string_view message) {
         // Said once: every later line meets the same refusal.
         if (refusal && !owner.refusalReported) {
             owner.refusalReported = true;
-            sendToJournal(owner, *refusal);
+            owner.systemLog->send(*refusal);
         }
     });
 }

@@ -5,8 +5,9 @@
 
 namespace velmora {
 
-// The one logging call: the journal at once, the log file asynchronously and in call order,
-// standard error too when it is a terminal. Callable from any thread; never fails.
+// The one logging call: the system log (the journal on Linux) at once, the log file asynchronously
+// and in call order, standard error too when it is a terminal. Callable from any thread; never
+// fails.
 void log(std::string_view message);
 
 // A value taken from a request (a header, a page's text) made fit to be part of a log message:

@@ -31,6 +31,8 @@ namespace velmora {
 // system audio capture for the one active page that shows a valid start pass, streams its
 // frames to that page only, and tells it when a watched call has ended. Every field lives on the
 // server's own serial queue; the public operations post onto it (shutdown waits for it).
+// One class over several files, one per concern: the three share every field and the queue that
+// confines them, so splitting the state into collaborators would only pass it back and forth.
 class HelperServer final : public std::enable_shared_from_this<HelperServer> {
   public:
     using StatusHandler = std::function<void(const HelperStatus&)>;
@@ -104,7 +106,7 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     static void postWeakly(const std::weak_ptr<SerialQueue>& queue,
                            const std::weak_ptr<HelperServer>& server, Work work);
 
-    // Listener and clients.
+    // Listener, admission and clients (HelperServerListenerAndAdmission.cpp).
     void startListenerLocked();
     void listenerStateChangedLocked(WebSocketListener& listener, WebSocketListener::State state,
                                     const boost::system::error_code& error, std::uint16_t port);
@@ -118,7 +120,7 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     void dropLocked(const ClientPointer& client);
     void sendJSONLocked(const Client& client, const nlohmann::json& message);
 
-    // Capture sessions.
+    // Capture sessions (HelperServerCaptureSessions.cpp).
     void handleTextLocked(const ClientPointer& client, std::string_view text);
     void handleStartLocked(const ClientPointer& client);
     void permissionAnsweredLocked(bool granted, std::uint64_t token);
@@ -128,7 +130,7 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     void captureFailedLocked(const std::string& text);
     void sendFrameLocked(const std::shared_ptr<const SystemAudioCapture::Frame>& frame);
 
-    // Call-end notices.
+    // Call-end notices (HelperServerCallEndNotices.cpp).
     void watchCallsLocked(bool on);
     void callTickLocked();
 

@@ -71,6 +71,14 @@ DiagAddress diagAddress(const boost::asio::ip::address& address) {
     return result;
 }
 
+// NLMSG_OK, with the remaining length and the message's length compared as one type: the macro
+// mixes signed and unsigned, which clang rejects here.
+bool holdsMessage(const nlmsghdr* message, int remaining) {
+    return remaining >= static_cast<int>(sizeof(nlmsghdr)) &&
+           message->nlmsg_len >= sizeof(nlmsghdr) &&
+           message->nlmsg_len <= static_cast<unsigned int>(remaining);
+}
+
 // Whether an address in a reply is `address`. A reply about an IPv6 socket connected over
 // IPv4 gives its addresses in the IPv4-mapped IPv6 form.
 bool sameAddress(std::uint8_t replyFamily, const __be32 (&reply)[4], const DiagAddress& address) {
@@ -125,7 +133,7 @@ class SocketDiagPeerOwnerLookup final : public PeerOwnerLookup {
         if (received <= 0) return std::nullopt;
         auto remaining = static_cast<int>(received);
         for (auto* message = reinterpret_cast<nlmsghdr*>(buffer.data());
-             NLMSG_OK(message, remaining); message = NLMSG_NEXT(message, remaining)) {
+             holdsMessage(message, remaining); message = NLMSG_NEXT(message, remaining)) {
             if (message->nlmsg_seq != request.header.nlmsg_seq) continue;
             if (message->nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;  // an error
             if (message->nlmsg_len < NLMSG_LENGTH(sizeof(inet_diag_msg))) return std::nullopt;
