@@ -46,6 +46,10 @@ TEST_F(QtInstaller, InstallingOverAnExistingCopyTrashesItAndKillsTheOldCopyIgnor
     InstallOptions options = InstallOptions::standard();
     options.systemFolder = folder_ / "opt";
     options.runningCopiesFolder = folder_ / "run/velmora-audio-helper";
+    // A system install's menu entry and command are for every user: kept in the test's folder.
+    options.systemApplicationsFolder = folder_ / "usr/local/share/applications";
+    options.systemCommandFolder = folder_ / "usr/local/bin";
+    options.autostartFolder = folder_ / "home/.config/autostart";
     QtInstallerFrontEnd frontEnd(true);
     const auto start = std::chrono::steady_clock::now();
     const std::filesystem::path installed = AppInstaller::install(portable, frontEnd, options);
@@ -59,7 +63,7 @@ TEST_F(QtInstaller, InstallingOverAnExistingCopyTrashesItAndKillsTheOldCopyIgnor
                 ::testing::HasSubstr("Path=" + old.string()));
     EXPECT_FALSE(std::filesystem::exists(installed / "old-marker"));
     EXPECT_TRUE(std::filesystem::exists(installed / "bin" / name));
-    EXPECT_TRUE(std::filesystem::exists(folder_ / "home/.local/share/applications/"
+    EXPECT_TRUE(std::filesystem::exists(folder_ / "usr/local/share/applications/"
                                                   "velmora-audio-helper.desktop"));
 }
 
