@@ -110,7 +110,9 @@ export class HelperConnection {
    */
   stopTrying(): void {
     const kind = this.#phase.kind;
-    if (kind === 'waiting' || kind === 'checking' || kind === 'explaining') this.#enter({ kind: 'idle' });
+    if (kind === 'waiting' || kind === 'checking' || kind === 'explaining' || kind === 'failed') {
+      this.#enter({ kind: 'idle' });
+    }
     this.#retry.reset();
   }
 
@@ -232,14 +234,14 @@ export class HelperConnection {
           void this.#explainFailure();
           return;
         case 'greeting':
-          this.#enter({ kind: 'idle' });
+          this.#enter({ kind: 'failed' });
           this.#failed({
             state: 'helper-not-running',
             message: 'The audio helper closed the connection before greeting this page. Is it shutting down?',
           });
           return;
         case 'ready':
-          this.#enter({ kind: 'idle' });
+          this.#enter({ kind: 'failed' });
           this.#connectionLost('The connection to the audio helper was lost. Reconnecting…');
           return;
       }
@@ -252,16 +254,18 @@ export class HelperConnection {
     const stillCurrent = () => this.#phase === explaining;
     const cause = await classifyFailure(this.#settings.env, this.#settings.httpUrl, stillCurrent);
     if (cause === null || !stillCurrent()) return;
-    this.#enter({ kind: 'idle' });
     switch (cause) {
       case 'local-network-denied':
+        this.#enter({ kind: 'idle' });
         this.#publish(blocked(cause));
         return;
       case 'local-network-unanswered':
+        this.#enter({ kind: 'idle' });
         if (this.#consent === 'clicked') this.#consent = 'none'; // the next question waits for the next click
         this.#publish(blocked(cause));
         return;
       case 'refused': {
+        this.#enter({ kind: 'failed' });
         const origin = this.#settings.pageOrigin() ?? 'this site';
         this.#failed({
           state: 'refused',
@@ -272,6 +276,7 @@ export class HelperConnection {
         return;
       }
       case 'helper-not-running':
+        this.#enter({ kind: 'failed' });
         this.#failed({
           state: 'helper-not-running',
           message: 'The audio helper is not running on this computer. Start it and this page will find it.',
@@ -280,18 +285,16 @@ export class HelperConnection {
     }
   }
 
-  /** An attempt failed (the phase is idle now): says so, with the retry's delay where one is armed. */
+  /** An attempt failed (the phase says so): tells the page, with the retry's delay where one is armed. */
   #failed(status: ConnectionStatus): void {
-    const retryInMs = this.#scheduleRetry();
+    const retryInMs = this.#retryOrRest();
     this.#publish(retryInMs === undefined ? status : { ...status, retryInMs });
   }
 
-  /** A ready connection ended (the phase is idle now): tells the owner, then plans the retry. */
+  /** A ready connection ended (the phase says it failed): tells the owner, then plans the retry. */
   #connectionLost(message: string): void {
-    const ended = this.#phase;
     this.#hooks.lost();
-    // The owner's listeners may have stopped the connection meanwhile.
-    const retryInMs = this.#phase === ended ? this.#scheduleRetry() : undefined;
+    const retryInMs = this.#retryOrRest();
     this.#publish(
       retryInMs === undefined
         ? { state: 'helper-not-running', message: 'The connection to the audio helper was lost.' }
@@ -299,13 +302,15 @@ export class HelperConnection {
     );
   }
 
-  /** Arms the next attempt and returns its delay, or undefined when the client does not retry. */
-  #scheduleRetry(): number | undefined {
+  /** After a failure, arms the next attempt and returns its delay, or undefined where none follows. */
+  #retryOrRest(): number | undefined {
+    // The owner's listeners may have stopped the connection meanwhile.
+    if (this.#phase.kind !== 'failed') return undefined;
     const waiting = { kind: 'waiting' } as const;
     const delay = this.#retry.schedule(() => {
       if (this.#phase === waiting) void this.#attempt(false);
     });
-    if (delay !== undefined) this.#enter(waiting);
+    this.#enter(delay === undefined ? { kind: 'idle' } : waiting);
     return delay;
   }
 
@@ -314,8 +319,13 @@ export class HelperConnection {
   }
 
   /** Ends the phase that holds the socket (its late events are ignored from now on) and closes it. */
-  #giveUpOnSocket(socket: WebSocketLike, code: number, reason: string): void {
-    this.#enter({ kind: 'idle' });
+  #giveUpOnSocket(
+    socket: WebSocketLike,
+    code: number,
+    reason: string,
+    next: 'idle' | 'failed' = 'idle',
+  ): void {
+    this.#enter({ kind: next });
     try {
       socket.close(code, reason);
     } catch {
@@ -384,7 +394,7 @@ export class HelperConnection {
       if (ready.pongTimer !== undefined) return;
       ready.pongTimer = setTimeout(() => {
         if (this.#phase !== ready) return;
-        this.#giveUpOnSocket(ready.socket, CLOSE_NO_PONG, 'No pong');
+        this.#giveUpOnSocket(ready.socket, CLOSE_NO_PONG, 'No pong', 'failed');
         this.#connectionLost('The audio helper stopped answering. Reconnecting…');
       }, this.#settings.pongTimeoutMs);
     }, this.#settings.pingIntervalMs);

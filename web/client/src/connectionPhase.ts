@@ -47,6 +47,11 @@ export interface ExplainingPhase {
   readonly kind: 'explaining';
 }
 
+/** An attempt failed or the connection was lost; the owner is told, then a retry may be armed. */
+export interface FailedPhase {
+  readonly kind: 'failed';
+}
+
 export type ConnectionPhase =
   | IdlePhase
   | WaitingPhase
@@ -54,29 +59,29 @@ export type ConnectionPhase =
   | OpeningPhase
   | GreetingPhase
   | ReadyPhase
-  | ExplainingPhase;
+  | ExplainingPhase
+  | FailedPhase;
 
 export type PhaseKind = ConnectionPhase['kind'];
 
-/**
- * Every move the connection may make. A failure always ends the attempt first (to `idle`), and a
- * retry, where one helps, is armed from there (`idle` to `waiting`).
- */
+/** Every move the connection may make. */
 export const PHASE_TRANSITIONS: Readonly<Record<PhaseKind, readonly PhaseKind[]>> = {
-  // connect(); a retry armed after a failure
-  idle: ['checking', 'waiting'],
+  // connect()
+  idle: ['checking'],
   // the retry fires or connect() tries at once; the page stops trying
   waiting: ['checking', 'idle'],
   // the browser lets the attempt go on; it blocks it, a click is needed, or the page stops trying
   checking: ['opening', 'idle'],
   // the socket opens; it fails before opening; the page hangs up
   opening: ['greeting', 'explaining', 'idle'],
-  // the helper greets; no or a wrong greeting, the socket closes, or the page hangs up
-  greeting: ['ready', 'idle'],
-  // the connection is lost or the page hangs up
-  ready: ['idle'],
-  // the cause is known, or the page stops trying
-  explaining: ['idle'],
+  // the helper greets; the socket closes first; no or a wrong greeting, or the page hangs up
+  greeting: ['ready', 'failed', 'idle'],
+  // the connection is lost; the page hangs up
+  ready: ['failed', 'idle'],
+  // nothing or something refusing listens; the browser blocks it, or the page stops trying
+  explaining: ['failed', 'idle'],
+  // a retry is armed; retrying is off, or the page stopped trying while told of the loss
+  failed: ['waiting', 'idle'],
 };
 
 /**
