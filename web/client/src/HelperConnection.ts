@@ -1,4 +1,11 @@
 import type { WebSocketLike } from './BrowserEnvironment.js';
+import {
+  checkTransition,
+  type ConnectionPhase,
+  type GreetingPhase,
+  type PhaseKind,
+  type ReadyPhase,
+} from './connectionPhase.js';
 import { classifyFailure, queryPermission } from './failureClassification.js';
 import { isBinaryMessage } from './frames.js';
 import { errorText } from './HelperError.js';
@@ -37,26 +44,29 @@ export interface ConnectionHooks {
 }
 
 /**
+ * What the user has done that lets an attempt without a click go ahead where the browser would
+ * ask about the local network: nothing yet, clicked Connect (the browser asked then), or
+ * connected once (the browser allowed it).
+ */
+type Consent = 'none' | 'clicked' | 'connected';
+
+/**
  * The page's connection to the helper: finds it (asking the browser's permission only in answer
  * to a click), opens the WebSocket, checks the greeting, keeps the connection alive with pings,
  * and after a failure says why and tries again with back-off.
+ *
+ * Where it stands is one value, the phase; every change of phase goes through `#enter`. Work that
+ * finishes later (a permission answer, a failure's explanation, a timer, a socket's event) checks
+ * that the phase it began in is still the current one, so a stale attempt's result is ignored.
  */
 export class HelperConnection {
   readonly #settings: ConnectionSettings;
   readonly #hooks: ConnectionHooks;
   readonly #retry: RetrySchedule;
 
+  #phase: ConnectionPhase = { kind: 'idle' };
   #status: ConnectionStatus = idleStatus();
-  #socket: WebSocketLike | null = null;
-  #opened = false;
-  #hello: HelloMessage | null = null;
-  #wanted = false;
-  #everConnected = false;
-  #userStarted = false;
-  #attemptId = 0;
-  #helloTimer: ReturnType<typeof setTimeout> | undefined;
-  #pingTimer: ReturnType<typeof setInterval> | undefined;
-  #pongTimer: ReturnType<typeof setTimeout> | undefined;
+  #consent: Consent = 'none';
   #outcomeWaiters: Array<(status: ConnectionStatus) => void> = [];
 
   constructor(settings: ConnectionSettings, hooks: ConnectionHooks) {
@@ -70,79 +80,109 @@ export class HelperConnection {
     return this.#status;
   }
 
+  /** Where the connection stands inside, finer than the status. */
+  get phase(): PhaseKind {
+    return this.#phase.kind;
+  }
+
   /** The helper's greeting while connected. */
   get hello(): HelloMessage | null {
-    return this.#hello;
+    return this.#phase.kind === 'ready' ? this.#phase.hello : null;
   }
 
   /** The WebSocket of the current attempt or connection. */
   get socket(): WebSocketLike | null {
-    return this.#socket;
+    return 'socket' in this.#phase ? this.#phase.socket : null;
   }
 
   /** Looks for the helper (unless connected or already looking); resolves with the outcome. */
   connect(): Promise<ConnectionStatus> {
     const gesture = this.#settings.env.hasUserActivation();
-    this.#wanted = true;
     if (this.#status.state === 'ready') return Promise.resolve({ ...this.#status });
     const outcome = new Promise<ConnectionStatus>((resolve) => this.#outcomeWaiters.push(resolve));
-    if (this.#status.state !== 'connecting') {
-      this.#retry.cancel();
-      void this.#attempt(gesture);
-    }
+    if (this.#status.state !== 'connecting') void this.#attempt(gesture);
     return outcome;
   }
 
-  /** Stops trying: no retry fires and answers to attempts under way are dropped. */
+  /**
+   * Stops trying: no retry fires and answers to attempts under way are dropped. A socket, if
+   * any, stays until close().
+   */
   stopTrying(): void {
-    this.#wanted = false;
-    this.#attemptId++;
-    this.#retry.cancel();
+    const kind = this.#phase.kind;
+    if (kind === 'waiting' || kind === 'checking' || kind === 'explaining' || kind === 'failed') {
+      this.#enter({ kind: 'idle' });
+    }
     this.#retry.reset();
   }
 
   /** Hangs up on the helper, if connected. */
   close(): void {
-    const socket = this.#socket;
-    this.#dropSocket();
-    socket?.close(CLOSE_NORMAL, 'Page disconnected');
+    const socket = this.socket;
+    if (!socket) return;
+    this.#enter({ kind: 'idle' });
+    socket.close(CLOSE_NORMAL, 'Page disconnected');
   }
 
   becomeIdle(): void {
-    this.#setState(idleStatus());
+    this.#publish(idleStatus());
   }
 
   send(message: ClientMessage): void {
     try {
-      this.#socket?.send(JSON.stringify(message));
+      this.socket?.send(JSON.stringify(message));
     } catch {
       // A socket that is closing throws here; its close event reports the loss.
     }
   }
 
+  // ---- the one place the phase changes ------------------------------------------------------
+
+  #enter<P extends ConnectionPhase>(next: P): P {
+    const current = this.#phase;
+    checkTransition(current.kind, next.kind);
+    // What belonged to the phase ends with it.
+    switch (current.kind) {
+      case 'waiting':
+        this.#retry.cancel();
+        break;
+      case 'greeting':
+        clearTimeout(current.helloTimer);
+        break;
+      case 'ready':
+        clearInterval(current.pingTimer);
+        clearTimeout(current.pongTimer);
+        break;
+    }
+    this.#phase = next;
+    return next;
+  }
+
   // ---- connecting -------------------------------------------------------------------------
 
   async #attempt(gesture: boolean): Promise<void> {
-    const attempt = ++this.#attemptId;
-    this.#setState({ state: 'connecting', message: 'Looking for the audio helper…' });
+    const checking = this.#enter({ kind: 'checking' });
+    this.#publish({ state: 'connecting', message: 'Looking for the audio helper…' });
+    if (this.#phase !== checking) return; // a listener stopped it
     const env = this.#settings.env;
     if (env.refusesLoopbackWebSocket()) {
-      this.#wanted = false;
-      this.#setState(blocked('webkit-https'));
+      this.#enter({ kind: 'idle' });
+      this.#publish(blocked('webkit-https'));
       return;
     }
     const permission = await queryPermission(env);
-    if (attempt !== this.#attemptId || !this.#wanted) return;
+    if (this.#phase !== checking) return;
     if (permission === 'denied') {
-      this.#wanted = false;
-      this.#setState(blocked('local-network-denied'));
+      this.#enter({ kind: 'idle' });
+      this.#publish(blocked('local-network-denied'));
       return;
     }
     // Only let the browser ask the user in answer to something they did. Once they have clicked
     // (or a connection has worked) retries go ahead: the browser has asked by then. A page served
     // from localhost is never asked, so it needs no click either.
-    if (permission === 'prompt' && !gesture && !this.#userStarted && !this.#everConnected && !env.pageIsLoopback()) {
-      this.#setState({
+    if (permission === 'prompt' && !gesture && this.#consent === 'none' && !env.pageIsLoopback()) {
+      this.#enter({ kind: 'idle' });
+      this.#publish({
         state: 'needs-gesture',
         message:
           'Your browser will ask whether this page may connect to apps on this device. ' +
@@ -150,7 +190,7 @@ export class HelperConnection {
       });
       return;
     }
-    if (gesture) this.#userStarted = true;
+    if (gesture && this.#consent === 'none') this.#consent = 'clicked';
     this.#openSocket();
   }
 
@@ -159,70 +199,73 @@ export class HelperConnection {
     try {
       socket = new this.#settings.env.WebSocket(this.#settings.url);
     } catch (error) {
-      this.#wanted = false;
-      this.#setState({
+      this.#enter({ kind: 'idle' });
+      this.#publish({
         ...blocked('websocket-refused'),
         message: `The browser refused to open a connection to the audio helper: ${errorText(error)}`,
       });
       return;
     }
     socket.binaryType = 'arraybuffer';
-    this.#socket = socket;
-    this.#opened = false;
-    this.#hello = null;
+    const opening = this.#enter({ kind: 'opening', socket });
     socket.onopen = () => {
-      if (this.#socket !== socket) return;
-      this.#opened = true;
-      this.#helloTimer = setTimeout(() => {
-        if (this.#socket !== socket) return;
+      if (this.#phase !== opening) return;
+      const greeting: GreetingPhase = { kind: 'greeting', socket, helloTimer: undefined };
+      greeting.helloTimer = setTimeout(() => {
+        if (this.#phase !== greeting) return;
         this.#giveUpOnSocket(socket, CLOSE_NO_HELLO, 'No hello');
         this.#incompatible(
           `The program on port ${this.#port()} accepted the connection but did not greet like the audio helper.`,
         );
       }, this.#settings.helloTimeoutMs);
+      this.#enter(greeting);
     };
     socket.onmessage = (event) => {
-      if (this.#socket !== socket) return;
+      if (this.socket !== socket) return;
       if (typeof event.data === 'string') this.#onText(event.data);
       else if (isBinaryMessage(event.data)) this.#hooks.audio(event.data);
     };
     // A failed or broken connection always ends with "close", which does the work.
     socket.onerror = () => {};
     socket.onclose = () => {
-      if (this.#socket !== socket) return;
-      const wasOpen = this.#opened;
-      const wasReady = this.#hello !== null;
-      this.#dropSocket();
-      if (!this.#wanted) return;
-      if (wasReady) {
-        this.#connectionLost('The connection to the audio helper was lost. Reconnecting…');
-      } else if (wasOpen) {
-        this.#failed({
-          state: 'helper-not-running',
-          message: 'The audio helper closed the connection before greeting this page. Is it shutting down?',
-        });
-      } else {
-        void this.#explainFailure(this.#attemptId);
+      if (this.socket !== socket) return;
+      switch (this.#phase.kind) {
+        case 'opening':
+          void this.#explainFailure();
+          return;
+        case 'greeting':
+          this.#enter({ kind: 'failed' });
+          this.#failed({
+            state: 'helper-not-running',
+            message: 'The audio helper closed the connection before greeting this page. Is it shutting down?',
+          });
+          return;
+        case 'ready':
+          this.#enter({ kind: 'failed' });
+          this.#connectionLost('The connection to the audio helper was lost. Reconnecting…');
+          return;
       }
     };
   }
 
   /** Tells the page why the WebSocket failed before opening, and plans a retry where one helps. */
-  async #explainFailure(attempt: number): Promise<void> {
-    const stillCurrent = () => attempt === this.#attemptId && this.#wanted && this.#socket === null;
+  async #explainFailure(): Promise<void> {
+    const explaining = this.#enter({ kind: 'explaining' });
+    const stillCurrent = () => this.#phase === explaining;
     const cause = await classifyFailure(this.#settings.env, this.#settings.httpUrl, stillCurrent);
     if (cause === null || !stillCurrent()) return;
     switch (cause) {
       case 'local-network-denied':
-        this.#wanted = false;
-        this.#setState(blocked(cause));
+        this.#enter({ kind: 'idle' });
+        this.#publish(blocked(cause));
         return;
       case 'local-network-unanswered':
-        this.#wanted = false;
-        this.#userStarted = false; // the next question waits for the next click
-        this.#setState(blocked(cause));
+        this.#enter({ kind: 'idle' });
+        if (this.#consent === 'clicked') this.#consent = 'none'; // the next question waits for the next click
+        this.#publish(blocked(cause));
         return;
       case 'refused': {
+        this.#enter({ kind: 'failed' });
         const origin = this.#settings.pageOrigin() ?? 'this site';
         this.#failed({
           state: 'refused',
@@ -233,6 +276,7 @@ export class HelperConnection {
         return;
       }
       case 'helper-not-running':
+        this.#enter({ kind: 'failed' });
         this.#failed({
           state: 'helper-not-running',
           message: 'The audio helper is not running on this computer. Start it and this page will find it.',
@@ -241,46 +285,47 @@ export class HelperConnection {
     }
   }
 
+  /** An attempt failed (the phase says so): tells the page, with the retry's delay where one is armed. */
   #failed(status: ConnectionStatus): void {
-    const retryInMs = this.#scheduleRetry();
-    this.#setState(retryInMs === undefined ? status : { ...status, retryInMs });
+    const retryInMs = this.#retryOrRest();
+    this.#publish(retryInMs === undefined ? status : { ...status, retryInMs });
   }
 
+  /** A ready connection ended (the phase says it failed): tells the owner, then plans the retry. */
   #connectionLost(message: string): void {
     this.#hooks.lost();
-    const retryInMs = this.#scheduleRetry();
-    this.#setState(
+    const retryInMs = this.#retryOrRest();
+    this.#publish(
       retryInMs === undefined
         ? { state: 'helper-not-running', message: 'The connection to the audio helper was lost.' }
         : { state: 'connecting', message, retryInMs },
     );
   }
 
-  #scheduleRetry(): number | undefined {
-    if (!this.#wanted) return undefined;
-    return this.#retry.schedule(() => {
-      if (this.#wanted && this.#socket === null) void this.#attempt(false);
+  /** After a failure, arms the next attempt and returns its delay, or undefined where none follows. */
+  #retryOrRest(): number | undefined {
+    // The owner's listeners may have stopped the connection meanwhile.
+    if (this.#phase.kind !== 'failed') return undefined;
+    const waiting = { kind: 'waiting' } as const;
+    const delay = this.#retry.schedule(() => {
+      if (this.#phase === waiting) void this.#attempt(false);
     });
+    this.#enter(delay === undefined ? { kind: 'idle' } : waiting);
+    return delay;
   }
 
   #incompatible(message: string): void {
-    this.#wanted = false;
-    this.#setState({ state: 'incompatible-helper', message });
+    this.#publish({ state: 'incompatible-helper', message });
   }
 
-  /** Forgets the socket (its late events are ignored from now on) and stops its timers. */
-  #dropSocket(): void {
-    clearTimeout(this.#helloTimer);
-    clearInterval(this.#pingTimer);
-    clearTimeout(this.#pongTimer);
-    this.#helloTimer = this.#pingTimer = this.#pongTimer = undefined;
-    this.#socket = null;
-    this.#opened = false;
-    this.#hello = null;
-  }
-
-  #giveUpOnSocket(socket: WebSocketLike, code: number, reason: string): void {
-    this.#dropSocket();
+  /** Ends the phase that holds the socket (its late events are ignored from now on) and closes it. */
+  #giveUpOnSocket(
+    socket: WebSocketLike,
+    code: number,
+    reason: string,
+    next: 'idle' | 'failed' = 'idle',
+  ): void {
+    this.#enter({ kind: next });
     try {
       socket.close(code, reason);
     } catch {
@@ -295,39 +340,46 @@ export class HelperConnection {
   // ---- greeting and keep-alive --------------------------------------------------------------
 
   #onText(text: string): void {
+    const phase = this.#phase;
     const message = parseServerMessage(text);
-    if (!this.#hello) {
+    if (phase.kind === 'greeting') {
       if (message?.type === 'hello') {
-        this.#onHello(message);
+        this.#onHello(phase, message);
       } else {
-        this.#giveUpOnSocket(this.#socket!, CLOSE_INCOMPATIBLE, 'Expected hello');
+        this.#giveUpOnSocket(phase.socket, CLOSE_INCOMPATIBLE, 'Expected hello');
         this.#incompatible(`The program on port ${this.#port()} does not speak the audio helper's protocol.`);
       }
       return;
     }
+    // Browsers deliver no message before "open".
+    if (phase.kind !== 'ready') return;
     if (!message || message.type === 'hello') return;
     if (message.type === 'pong') {
-      clearTimeout(this.#pongTimer);
-      this.#pongTimer = undefined;
+      clearTimeout(phase.pongTimer);
+      phase.pongTimer = undefined;
       return;
     }
     this.#hooks.message(message);
   }
 
-  #onHello(hello: HelloMessage): void {
-    clearTimeout(this.#helloTimer);
-    this.#helloTimer = undefined;
+  #onHello(greeting: GreetingPhase, hello: HelloMessage): void {
     const problem = helloIncompatibility(hello);
     if (problem) {
-      this.#giveUpOnSocket(this.#socket!, CLOSE_INCOMPATIBLE, 'Incompatible format');
+      this.#giveUpOnSocket(greeting.socket, CLOSE_INCOMPATIBLE, 'Incompatible format');
       this.#incompatible(problem);
       return;
     }
-    this.#hello = hello;
-    this.#everConnected = true;
+    this.#consent = 'connected';
     this.#retry.reset();
-    this.#startKeepAlive(this.#socket!);
-    this.#setState({
+    const ready = this.#enter<ReadyPhase>({
+      kind: 'ready',
+      socket: greeting.socket,
+      hello,
+      pingTimer: undefined,
+      pongTimer: undefined,
+    });
+    this.#startKeepAlive(ready);
+    this.#publish({
       state: 'ready',
       message: `Connected to the audio helper ${hello.version}.`,
       hello,
@@ -335,22 +387,23 @@ export class HelperConnection {
     this.#hooks.ready();
   }
 
-  #startKeepAlive(socket: WebSocketLike): void {
-    this.#pingTimer = setInterval(() => {
-      if (this.#socket !== socket) return;
+  #startKeepAlive(ready: ReadyPhase): void {
+    ready.pingTimer = setInterval(() => {
+      if (this.#phase !== ready) return;
       this.send({ type: 'ping' });
-      if (this.#pongTimer !== undefined) return;
-      this.#pongTimer = setTimeout(() => {
-        if (this.#socket !== socket) return;
-        this.#giveUpOnSocket(socket, CLOSE_NO_PONG, 'No pong');
-        if (this.#wanted) this.#connectionLost('The audio helper stopped answering. Reconnecting…');
+      if (ready.pongTimer !== undefined) return;
+      ready.pongTimer = setTimeout(() => {
+        if (this.#phase !== ready) return;
+        this.#giveUpOnSocket(ready.socket, CLOSE_NO_PONG, 'No pong', 'failed');
+        this.#connectionLost('The audio helper stopped answering. Reconnecting…');
       }, this.#settings.pongTimeoutMs);
     }, this.#settings.pingIntervalMs);
   }
 
   // ---- status -----------------------------------------------------------------------------
 
-  #setState(next: ConnectionStatus): void {
+  /** Tells the page the status, when it changed; settles connect() calls once it is an outcome. */
+  #publish(next: ConnectionStatus): void {
     const current = this.#status;
     const changed =
       current.state !== next.state ||
