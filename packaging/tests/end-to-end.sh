@@ -188,6 +188,10 @@ image_part() {
     image=$(ls "$build"/velmora-audio-helper-*.iso)
     private_user "$work/image-user"
     mount -t tmpfs scratch-opt /opt
+    # An install into /opt is for every user: its menu entry goes to /usr/local/share/applications
+    # and a command link to /usr/local/bin; a scratch /usr/local/share keeps the real one as it was.
+    mkdir -p /usr/local/share /usr/local/bin
+    mount -t tmpfs scratch-share /usr/local/share
 
     local volume="$work/volume" source_image=$image
     mkdir -p "$volume"
@@ -235,8 +239,11 @@ image_part() {
         fail "the installed copy did not start listening"
     [ -n "$(processes_of "$installed")" ] || fail "no process runs $installed"
     page_gets_hello "$installed" "$port" "$work/key.pem"
-    grep -q "^Exec=$installed$" "$XDG_DATA_HOME/applications/velmora-audio-helper.desktop" ||
-        fail "no menu entry for the installed copy"
+    grep -q "^Exec=$installed$" /usr/local/share/applications/velmora-audio-helper.desktop ||
+        fail "no menu entry for every user for the installed copy"
+    [ "$(readlink /usr/local/bin/velmora-audio-helper)" = "$installed" ] ||
+        fail "no command link to the installed copy in /usr/local/bin"
+    rm /usr/local/bin/velmora-audio-helper
     wait_for bash -c "! mountpoint -q '$volume'" || fail "the image is still mounted at $volume"
     [ -z "$(losetup -j "$source_image")" ] || fail "the loop device still holds the image"
     echo "end-to-end: installed copy serves; the image is detached"
