@@ -79,19 +79,19 @@ double cpuSeconds(clockid_t clock) {
 class StreamingHelper {
   public:
     StreamingHelper() : port_(freePort()) {
-        AudioKit::modifyConfig([port = port_](AudioKitConfig& config) {
-            config.port = [port] { return port; };
-            config.isOriginAllowed = [](const std::optional<std::string>& origin) {
-                return origin == pageOrigin;
-            };
-        });
         tap_->setFormat(
             TapStreamFormat{.sampleRate = HelperInfo::sampleRate, .channelsPerFrame = 1});
         permission_->answerAtOnce(true);
         auto key = HelperPass::keyFromBase64(issuer_.publicKeyBase64());
         if (!key) throw std::runtime_error("the pass key does not decode");
-        server_ = HelperServer::create(std::make_unique<testing::FakeAudioTap>(tap_), permission_,
-                                       microphoneUsers_, mainQueue_, HelperServerTimings{}, {*key});
+        server_ = HelperServer::create(
+            std::make_unique<testing::FakeAudioTap>(tap_), permission_, microphoneUsers_,
+            mainQueue_,
+            ServerPolicy{
+                .port = [port = port_] { return port; },
+                .isOriginAllowed =
+                    [](const std::optional<std::string>& origin) { return origin == pageOrigin; }},
+            HelperServerTimings{}, {*key});
         server_->start();
         const auto deadline = Clock::now() + std::chrono::seconds(10);
         while (server_->status().server != ServerState::listening()) {

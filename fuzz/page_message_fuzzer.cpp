@@ -65,10 +65,14 @@ struct Harness {
         // Each accepted start arms a permission time-out; a short one keeps few of them pending.
         HelperServerTimings timings;
         timings.permissionTimeout = std::chrono::seconds(1);
-        server = HelperServer::create(std::make_unique<fuzzing::UnavailableTap>(),
-                                      std::make_shared<fuzzing::RefusedPermission>(),
-                                      std::make_shared<fuzzing::NoMicrophoneUsers>(), mainQueue,
-                                      timings, {*key});
+        // Pages come without a connection here: neither port nor origin is ever asked.
+        const AudioKitConfig defaults = AudioKitConfig::defaults();
+        server = HelperServer::create(
+            std::make_unique<fuzzing::UnavailableTap>(),
+            std::make_shared<fuzzing::RefusedPermission>(),
+            std::make_shared<fuzzing::NoMicrophoneUsers>(), mainQueue,
+            ServerPolicy{.port = defaults.port, .isOriginAllowed = defaults.isOriginAllowed},
+            timings, {*key});
     }
 };
 

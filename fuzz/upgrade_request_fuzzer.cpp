@@ -65,17 +65,21 @@ struct Harness {
 
     Harness() {
         fuzzing::sendLogNowhere();
-        AudioKit::modifyConfig([](AudioKitConfig& config) {
-            config.isOriginAllowed = [](const std::optional<std::string>& origin) {
-                question.asked = true;
-                question.origin = origin;
-                question.answer = origin ? origin->starts_with("https://page") : allowAbsentOrigin;
-                return question.answer;
-            };
-        });
+        ServerPolicy policy{
+            .port = AudioKitConfig::defaults().port,
+            .isOriginAllowed =
+                [](const std::optional<std::string>& origin) {
+                    question.asked = true;
+                    question.origin = origin;
+                    question.answer =
+                        origin ? origin->starts_with("https://page") : allowAbsentOrigin;
+                    return question.answer;
+                },
+        };
         server = HelperServer::create(std::make_unique<fuzzing::UnavailableTap>(),
                                       std::make_shared<fuzzing::RefusedPermission>(),
-                                      std::make_shared<fuzzing::NoMicrophoneUsers>(), mainQueue);
+                                      std::make_shared<fuzzing::NoMicrophoneUsers>(), mainQueue,
+                                      std::move(policy));
     }
 };
 

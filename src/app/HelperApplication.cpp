@@ -8,16 +8,13 @@
 #include <ostream>
 
 #include "access/HelperPass.h"
+#include "app/HelperServices.h"
 #include "app/ListenCommand.h"
 #include "app/SettingsCommand.h"
-#include "capture/pulse/DesktopCapturePermission.h"
-#include "capture/pulse/PulseAudioTap.h"
 #include "config/HelperInfo.h"
 #include "config/HelperSettings.h"
 #include "config/Log.h"
 #include "config/SerialQueue.h"
-#include "meetings/pulse/PulseMicrophoneUsers.h"
-#include "server/HelperServer.h"
 
 namespace velmora {
 namespace {
@@ -32,9 +29,7 @@ int runHelper() {
     log(HelperPass::trustedKeysText(HelperPass::keyCount()));
 
     SerialQueue mainQueue("com.velmora.audiohelper.main", SerialQueue::CallerThread{});
-    auto server = HelperServer::create(std::make_unique<PulseAudioTap>(),
-                                       std::make_shared<DesktopCapturePermission>(),
-                                       std::make_shared<PulseMicrophoneUsers>(), mainQueue);
+    auto server = makeHelperServices(mainQueue, HelperSettings::shared()).server;
 
     boost::asio::signal_set signals(mainQueue.context(), SIGINT, SIGTERM);
     signals.async_wait([&](const boost::system::error_code& error, int signal) {

@@ -1,5 +1,6 @@
 #include "server/HelperServer.h"
 
+#include <stdexcept>
 #include <utility>
 
 #include "config/HelperInfo.h"
@@ -30,12 +31,15 @@ struct HelperServer::StatusSlot {
 
 std::shared_ptr<HelperServer> HelperServer::create(
     std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
-    std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
+    std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue, ServerPolicy policy,
     HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys,
     std::shared_ptr<PeerOwnerLookup> peerOwners) {
+    if (!policy.port || !policy.isOriginAllowed) {
+        throw std::invalid_argument("the server needs a port and an origin check");
+    }
     std::shared_ptr<HelperServer> server(new HelperServer(
         std::move(tap), std::move(permission), std::move(microphoneUsers), mainQueue,
-        std::move(timings), std::move(passKeys), std::move(peerOwners)));
+        std::move(policy), std::move(timings), std::move(passKeys), std::move(peerOwners)));
     server->wireCapture();
     return server;
 }
@@ -43,11 +47,12 @@ std::shared_ptr<HelperServer> HelperServer::create(
 HelperServer::HelperServer(std::unique_ptr<AudioTap> tap,
                            std::shared_ptr<AudioCapturePermission> permission,
                            std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
-                           HelperServerTimings timings,
+                           ServerPolicy policy, HelperServerTimings timings,
                            std::vector<HelperPass::VerificationKey> passKeys,
                            std::shared_ptr<PeerOwnerLookup> peerOwners)
     : queue_(std::make_shared<SerialQueue>("com.velmora.audiohelper.server")),
       mainQueue_(mainQueue),
+      policy_(std::move(policy)),
       timings_(std::move(timings)),
       passKeys_(std::move(passKeys)),
       permission_(std::move(permission)),

@@ -23,6 +23,7 @@
 #include "server/HelperStatus.h"
 #include "server/PeerAdmission.h"
 #include "server/PeerOwnerLookup.h"
+#include "server/ServerPolicy.h"
 #include "server/WebSocketListener.h"
 
 namespace velmora {
@@ -39,14 +40,16 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
 
     // The server captures through `tap` (wrapped in its own SystemAudioCapture), asks
     // `permission` before a first start, polls `microphoneUsers` while streaming, and calls the
-    // status handler on `mainQueue`, which must outlive the server. `passKeys` are the keys start
-    // passes must be signed with (the built-in ones unless a test supplies its own).
-    // `peerOwners` tells who holds the other end of each connection: only the user running the
-    // helper is admitted, and a peer it cannot tell about is refused.
+    // status handler on `mainQueue`, which must outlive the server. `policy` gives the port to
+    // listen on and the origins to admit; both of its functions must be set (std::invalid_argument
+    // otherwise). `passKeys` are the keys start passes must be signed with (the built-in ones
+    // unless a test supplies its own). `peerOwners` tells who holds the other end of each
+    // connection: only the user running the helper is admitted, and a peer it cannot tell about is
+    // refused.
     static std::shared_ptr<HelperServer> create(
         std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
         std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
-        HelperServerTimings timings = {},
+        ServerPolicy policy, HelperServerTimings timings = {},
         std::vector<HelperPass::VerificationKey> passKeys = HelperPass::keys(),
         std::shared_ptr<PeerOwnerLookup> peerOwners = PeerOwnerLookup::platform());
 
@@ -57,10 +60,10 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // Called on the main queue with each distinct status, in order. Safe from any thread.
     void setOnStatus(StatusHandler onStatus);
 
-    // Starts listening on AudioKit's port (asynchronously).
+    // Starts listening on the policy's port (asynchronously).
     void start();
     // Stops any capture with notice to its page, closes every connection and listens again on
-    // the port AudioKit gives now (asynchronously). For a port change.
+    // the port the policy gives now (asynchronously). For a port change.
     void restart();
     // Stops any capture without notice, closes the listener and every connection; waits until
     // done. Nothing is published after it returns, so the owner may then take the main queue
@@ -89,7 +92,8 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
                  std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
-                 HelperServerTimings timings, std::vector<HelperPass::VerificationKey> passKeys,
+                 ServerPolicy policy, HelperServerTimings timings,
+                 std::vector<HelperPass::VerificationKey> passKeys,
                  std::shared_ptr<PeerOwnerLookup> peerOwners);
 
     class ListenerEvents;
@@ -143,6 +147,7 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
 
     std::shared_ptr<SerialQueue> queue_;
     SerialQueue& mainQueue_;
+    const ServerPolicy policy_;
     const HelperServerTimings timings_;
     const std::vector<HelperPass::VerificationKey> passKeys_;
     const std::shared_ptr<AudioCapturePermission> permission_;

@@ -99,7 +99,7 @@ void HelperServer::startListenerLocked() {
         listenerRetry_->cancel();
         listenerRetry_.reset();
     }
-    const std::uint16_t port = AudioKit::config().port();
+    const std::uint16_t port = policy_.port();
     std::shared_ptr<WebSocketListener> listener;
     try {
         listener = WebSocketListener::create(
@@ -196,8 +196,7 @@ bool HelperServer::admitLocked(const WebSocketSession::UpgradeRequest& request) 
             break;
         }
     }
-    auto isOriginAllowed = AudioKit::config().isOriginAllowed;
-    if (!isOriginAllowed || !isOriginAllowed(origin)) {
+    if (!policy_.isOriginAllowed(origin)) {
         log("Rejected connection from origin " +
             (origin ? visibleInLog(*origin) : std::string("(none)")));
         return false;

@@ -117,20 +117,13 @@ int LogReader::count(const std::string& line) {
 // ---------------------------------------------------------------------------------------------
 
 ServerFixture::ServerFixture() : port_(freePort()) {
-    AudioKit::modifyConfig([this](AudioKitConfig& config) {
-        config.port = [this] { return port_.load(); };
-        config.isOriginAllowed = [this](const std::optional<std::string>& origin) {
-            if (!origin) return allowAbsentOrigin_.load();
-            return origin->starts_with("https://page");
-        };
-    });
     permission_->answerAtOnce(true);
 }
 
 void ServerFixture::TearDown() {
     if (server_) server_->shutdown();
     server_.reset();
-    // Nothing may call back into this fixture once it is gone.
+    // A test that changed the kit's record (its product, say) leaves it as it found it.
     AudioKit::setConfig(AudioKitConfig::defaults());
     mainQueue_.runAndWait([] {});
 }
@@ -149,10 +142,21 @@ HelperServerTimings ServerFixture::fastTimings() {
 }
 
 void ServerFixture::createServer(HelperServerTimings timings) {
-    server_ =
-        HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_, microphoneUsers_,
-                             mainQueue_, timings, {signer_.verificationKey()}, peerOwners_);
+    server_ = HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_,
+                                   microphoneUsers_, mainQueue_, policy(), timings,
+                                   {signer_.verificationKey()}, peerOwners_);
     server_->setOnStatus([this](const HelperStatus& status) { statuses_.record(status); });
+}
+
+ServerPolicy ServerFixture::policy() {
+    return {
+        .port = [this] { return port_.load(); },
+        .isOriginAllowed =
+            [this](const std::optional<std::string>& origin) {
+                if (!origin) return allowAbsentOrigin_.load();
+                return origin->starts_with("https://page");
+            },
+    };
 }
 
 void ServerFixture::startServer(HelperServerTimings timings) {

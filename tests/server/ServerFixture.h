@@ -91,6 +91,9 @@ class ServerFixture : public ::testing::Test {
     // Round trip through the server's queue: everything the page sent before has been handled.
     void expectPong(TestPage& page);
 
+    // The server's port (as setPort leaves it) and origins (those starting "https://page", and
+    // no origin at all when allowAbsentOrigin says so), read anew at every use.
+    ServerPolicy policy();
     std::uint16_t port() const { return port_; }
     void setPort(std::uint16_t port) { port_ = port; }
     void allowAbsentOrigin(bool allow) { allowAbsentOrigin_ = allow; }

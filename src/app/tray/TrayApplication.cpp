@@ -6,18 +6,15 @@
 #include <memory>
 
 #include "access/HelperPass.h"
+#include "app/HelperServices.h"
 #include "app/XdgAutostartLoginItem.h"
 #include "app/installer/AppInstaller.h"
 #include "app/tray/AppDelegate.h"
 #include "app/tray/TerminationSignals.h"
-#include "capture/pulse/DesktopCapturePermission.h"
-#include "capture/pulse/PulseAudioTap.h"
 #include "config/HelperInfo.h"
 #include "config/HelperSettings.h"
 #include "config/Log.h"
 #include "config/SerialQueue.h"
-#include "meetings/pulse/PulseMicrophoneUsers.h"
-#include "server/HelperServer.h"
 
 namespace velmora {
 namespace {
@@ -69,9 +66,7 @@ int runTrayApplication(const HelperArguments& arguments, const std::vector<std::
     // The server's main queue: its own thread, from which statuses are posted into Qt's event
     // loop; the capture's device-change debounce runs there too.
     SerialQueue mainQueue("com.velmora.audiohelper.main");
-    auto permission = std::make_shared<DesktopCapturePermission>();
-    auto server = HelperServer::create(std::make_unique<PulseAudioTap>(), permission,
-                                       std::make_shared<PulseMicrophoneUsers>(), mainQueue);
+    auto [permission, server] = makeHelperServices(mainQueue, HelperSettings::shared());
 
     int exitCode = 0;
     {

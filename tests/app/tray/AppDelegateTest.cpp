@@ -15,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "app/HelperServices.h"
 #include "app/XdgAutostartLoginItem.h"
 #include "app/tray/MainThreadStatusRelay.h"
 #include "app/tray/StatusIcons.h"
@@ -238,9 +239,10 @@ class AppDelegateTest : public QObject {
         loginItems_ = std::make_shared<XdgAutostartLoginItem>(
             autostartFolder(), QCoreApplication::applicationFilePath().toStdString());
         mainQueue_ = std::make_unique<SerialQueue>("com.velmora.audiohelper.main");
-        server_ = HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_,
-                                       std::make_shared<FakeMicrophoneUsers>(), *mainQueue_, {},
-                                       {signer_.verificationKey()});
+        server_ =
+            HelperServer::create(std::make_unique<FakeAudioTap>(tap_), permission_,
+                                 std::make_shared<FakeMicrophoneUsers>(), *mainQueue_,
+                                 serverPolicyFrom(settings()), {}, {signer_.verificationKey()});
         network_ = std::make_unique<PageNetwork>();
     }
 

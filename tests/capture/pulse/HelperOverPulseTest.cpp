@@ -209,22 +209,24 @@ class HelperOverPulseTest : public ::testing::TestWithParam<Kind> {
             GTEST_SKIP() << SoundServer::kindName(GetParam()) << " is not installed: " << whyNot;
         }
         sound_ = SoundServer::start(GetParam());
-        const std::uint16_t port = port_;
-        AudioKit::modifyConfig([port](AudioKitConfig& config) {
-            config.port = [port] { return port; };
-            config.isOriginAllowed = [](const std::optional<std::string>& origin) {
-                return origin == pageOrigin;
-            };
-        });
         server_ = HelperServer::create(
             std::make_unique<PulseAudioTap>(
                 PulseAudioTap::Options{.server = sound_->serverAddress()}),
             std::make_shared<DesktopCapturePermission>(),
             std::make_shared<PulseMicrophoneUsers>(
                 PulseMicrophoneUsers::Options{.serverAddress = sound_->serverAddress()}),
-            mainQueue_, shortTimings(), {signer_.verificationKey()});
+            mainQueue_, policy(), shortTimings(), {signer_.verificationKey()});
         ASSERT_TRUE(testing::startAndWaitUntilListening(*server_, patience))
             << "the helper does not listen on port " << port_;
+    }
+
+    // The server listens on this test's port and admits its page's origin alone.
+    ServerPolicy policy() const {
+        return {
+            .port = [port = port_] { return port; },
+            .isOriginAllowed =
+                [](const std::optional<std::string>& origin) { return origin == pageOrigin; },
+        };
     }
 
     void TearDown() override {

@@ -71,22 +71,24 @@ class HungSoundServerTest : public ::testing::TestWithParam<Kind> {
             GTEST_SKIP() << SoundServer::kindName(GetParam()) << " is not installed: " << whyNot;
         }
         sound_ = SoundServer::start(GetParam());
-        const std::uint16_t port = port_;
-        AudioKit::modifyConfig([port](AudioKitConfig& config) {
-            config.port = [port] { return port; };
-            config.isOriginAllowed = [](const std::optional<std::string>& origin) {
-                return origin == pageOrigin;
-            };
-        });
         permission_->answerAtOnce(true);
         users_ = std::make_shared<PulseMicrophoneUsers>(PulseMicrophoneUsers::Options{
             .serverAddress = sound_->serverAddress(), .timeout = queryTimeLimit});
         // The product's call timings: a tick every 2 s.
-        server_ =
-            HelperServer::create(std::make_unique<testing::FakeAudioTap>(tap_), permission_, users_,
-                                 mainQueue_, HelperServerTimings{}, {signer_.verificationKey()});
+        server_ = HelperServer::create(std::make_unique<testing::FakeAudioTap>(tap_), permission_,
+                                       users_, mainQueue_, policy(), HelperServerTimings{},
+                                       {signer_.verificationKey()});
         ASSERT_TRUE(testing::startAndWaitUntilListening(*server_, patience))
             << "the helper does not listen on port " << port_;
+    }
+
+    // The server listens on this test's port and admits its page's origin alone.
+    ServerPolicy policy() const {
+        return {
+            .port = [port = port_] { return port; },
+            .isOriginAllowed =
+                [](const std::optional<std::string>& origin) { return origin == pageOrigin; },
+        };
     }
 
     void TearDown() override {
