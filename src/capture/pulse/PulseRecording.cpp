@@ -22,6 +22,14 @@ constexpr std::chrono::milliseconds takeoverLength{100};
 // A record stream that fails this often in a row without delivering is left alone until its
 // application's stream changes again.
 constexpr int attachAttempts = 3;
+// PulseAudio can leave a record stream attached to a sink input without data once that input
+// starts playing after it was attached (seen when an application connects just before the
+// capture does). A running stream always delivers (silence included) while its application is
+// not corked, so a record stream quiet for this long is attached afresh, at growing intervals
+// while the quiet lasts.
+constexpr std::chrono::milliseconds watchInterval{250};
+constexpr std::chrono::milliseconds firstQuietLimit{500};
+constexpr std::chrono::milliseconds longestQuietLimit{8000};
 
 std::size_t framesIn(std::chrono::milliseconds length, const pa_sample_spec& spec) {
     return static_cast<std::size_t>(length.count()) * spec.rate / 1000;
@@ -37,6 +45,10 @@ struct PulseRecording::Entry {
     pa_operation* sinkLookup = nullptr;
     pa_stream* stream = nullptr;
     int failures = 0;
+    // Read and written on the loop's thread.
+    std::chrono::steady_clock::time_point lastData{};
+    std::chrono::milliseconds quietLimit = firstQuietLimit;
+    bool checkingQuiet = false;
 };
 
 PulseRecording::PulseRecording(boost::asio::io_context& loop, Settings settings,
@@ -92,11 +104,41 @@ void PulseRecording::subscribe() {
     if (listed != nullptr) pa_operation_unref(listed);
 }
 
+void PulseRecording::scheduleWatch() {
+    struct timeval when {};
+    pa_gettimeofday(&when);
+    pa_timeval_add(&when, static_cast<pa_usec_t>(watchInterval.count()) * PA_USEC_PER_MSEC);
+    if (watchTimer_ == nullptr) {
+        watchTimer_ = loop_.api()->time_new(loop_.api(), &when, onWatch, this);
+    } else {
+        loop_.api()->time_restart(watchTimer_, &when);
+    }
+}
+
+void PulseRecording::onWatch(pa_mainloop_api*, pa_time_event*, const struct timeval*,
+                             void* userdata) {
+    auto* recording = static_cast<PulseRecording*>(userdata);
+    const auto now = std::chrono::steady_clock::now();
+    for (auto& entry : recording->entries_) {
+        if (entry->stream == nullptr || entry->checkingQuiet ||
+            pa_stream_get_state(entry->stream) != PA_STREAM_READY ||
+            now - entry->lastData < entry->quietLimit) {
+            continue;
+        }
+        entry->checkingQuiet = true;
+        entry->lastData = now;
+        entry->quietLimit = std::min(entry->quietLimit * 2, longestQuietLimit);
+        recording->askAbout(entry->sinkInput);
+    }
+    recording->scheduleWatch();
+}
+
 void PulseRecording::onContextState(pa_context* context, void* userdata) {
     auto* recording = static_cast<PulseRecording*>(userdata);
     const pa_context_state_t state = pa_context_get_state(context);
     if (state == PA_CONTEXT_READY) {
         recording->subscribe();
+        recording->scheduleWatch();
     } else if (!PA_CONTEXT_IS_GOOD(state)) {
         recording->settle(Failure{.attaching = false, .error = pa_context_errno(context)});
         recording->reportBroken();
@@ -156,7 +198,11 @@ void PulseRecording::follow(const pa_sink_input_info& info) {
         entry = made.get();
         entries_.push_back(std::move(made));
     } else if (entry->sink == info.sink && (entry->stream != nullptr || entry->sinkLookup)) {
-        return;  // already recorded where it plays (a change of volume, a cork, a property)
+        // Already recorded where it plays (a change of volume, a cork, a property), unless its
+        // record stream went quiet while the application plays on.
+        const bool revive = entry->checkingQuiet && info.corked == 0 && entry->stream != nullptr;
+        entry->checkingQuiet = false;
+        if (!revive) return;
     } else if (entry->sink != info.sink) {
         entry->failures = 0;  // moved: a fresh start on the new output
     } else if (entry->failures >= attachAttempts) {
@@ -204,10 +250,10 @@ void PulseRecording::attach(Entry& entry, const char* monitorSource) {
     attributes.fragsize = static_cast<std::uint32_t>(
         pa_usec_to_bytes(static_cast<pa_usec_t>(settings_.fragment.count()) * PA_USEC_PER_MSEC,
                          &settings_.sampleSpec));
-    // DONT_MOVE: a record stream belongs to its application's stream on one output; when the
-    // application moves, the sink-input event re-attaches it there.
-    const auto flags =
-        static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE);
+    // Not DONT_MOVE: PulseAudio then delivers nothing to a stream attached to a sink input. When
+    // the application moves, the server ends this stream and the sink-input event re-attaches it
+    // on the new output.
+    const auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY);
     if (pa_stream_connect_record(stream, monitorSource, &attributes, flags) < 0) {
         pa_stream_set_state_callback(stream, nullptr, nullptr);
         pa_stream_set_read_callback(stream, nullptr, nullptr);
@@ -216,6 +262,7 @@ void PulseRecording::attach(Entry& entry, const char* monitorSource) {
         return;
     }
     entry.stream = stream;
+    entry.lastData = std::chrono::steady_clock::now();
     mixer_.add(entry.sinkInput);
     countRecorded();
 }
@@ -288,6 +335,8 @@ void PulseRecording::onRead(pa_stream* stream, std::size_t, void* userdata) {
         std::size_t bytes = 0;
         if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0) break;
         entry->failures = 0;
+        entry->lastData = std::chrono::steady_clock::now();
+        entry->quietLimit = firstQuietLimit;
         // A hole (no data for `bytes`) reads as silence, so the timeline stays whole.
         recording->mixer_.write(entry->sinkInput, static_cast<const float*>(data),
                                 bytes / frameBytes);
@@ -337,6 +386,10 @@ void PulseRecording::release() {
     released_ = true;
     broken_ = nullptr;
     for (auto& entry : entries_) detach(*entry);
+    if (watchTimer_ != nullptr) {
+        loop_.api()->time_free(watchTimer_);
+        watchTimer_ = nullptr;
+    }
     releasePulseContext(context_);
     // A read under way (its handler let go of this recording) finishes first; it calls release()
     // again once it is through.

@@ -83,10 +83,13 @@ class PulseRecording : public std::enable_shared_from_this<PulseRecording> {
     static void onSinkInfo(pa_context* context, const pa_sink_info* info, int end, void* userdata);
     static void onStreamState(pa_stream* stream, void* userdata);
     static void onRead(pa_stream* stream, std::size_t bytes, void* userdata);
+    static void onWatch(pa_mainloop_api* api, pa_time_event* event, const struct timeval* when,
+                        void* userdata);
 
     // On the loop's thread.
     void connect();
     void subscribe();
+    void scheduleWatch();
     void follow(const pa_sink_input_info& info);
     void askAbout(std::uint32_t sinkInput);
     void lookUpSink(Entry& entry);
@@ -107,6 +110,7 @@ class PulseRecording : public std::enable_shared_from_this<PulseRecording> {
     AudioTap::InputHandler handler_;
     std::function<void()> broken_;
     pa_context* context_ = nullptr;
+    pa_time_event* watchTimer_ = nullptr;  // looks for record streams gone quiet
     std::vector<std::unique_ptr<Entry>> entries_;
     StreamMixer mixer_;
     bool running_ = false;
