@@ -11,7 +11,7 @@ StreamMixer::StreamMixer(std::size_t channels, std::size_t ringFrames, std::size
       ringFrames_(ringFrames),
       takeoverFrames_(takeoverFrames),
       output_(std::move(output)),
-      mix_(ringFrames * channels) {
+      mix_(std::make_unique_for_overwrite<float[]>(ringFrames * channels)) {
     if (channels == 0 || ringFrames == 0 || takeoverFrames == 0 || takeoverFrames > ringFrames) {
         throw std::invalid_argument(
             "StreamMixer: channels, ring and takeover must be positive, "
@@ -23,7 +23,7 @@ void StreamMixer::add(StreamId id) {
     if (find(id) != nullptr) return;
     Stream stream;
     stream.id = id;
-    stream.ring.assign(ringFrames_ * channels_, 0.0f);
+    stream.ring = std::make_unique_for_overwrite<float[]>(ringFrames_ * channels_);
     streams_.push_back(std::move(stream));
 }
 
@@ -81,7 +81,7 @@ void StreamMixer::push(Stream& stream, const float* samples, std::size_t frames)
     std::size_t left = frames;
     while (left > 0) {
         const std::size_t run = std::min(left, ringFrames_ - tail);
-        float* to = stream.ring.data() + tail * channels_;
+        float* to = stream.ring.get() + tail * channels_;
         if (samples != nullptr) {
             std::copy_n(samples, run * channels_, to);
             samples += run * channels_;
@@ -95,11 +95,11 @@ void StreamMixer::push(Stream& stream, const float* samples, std::size_t frames)
 }
 
 void StreamMixer::take(Stream& stream, std::size_t frames, bool add) {
-    float* to = mix_.data();
+    float* to = mix_.get();
     std::size_t left = frames;
     while (left > 0) {
         const std::size_t run = std::min(left, ringFrames_ - stream.head);
-        const float* from = stream.ring.data() + stream.head * channels_;
+        const float* from = stream.ring.get() + stream.head * channels_;
         const std::size_t count = run * channels_;
         if (add) {
             for (std::size_t index = 0; index < count; ++index) to[index] += from[index];
@@ -123,7 +123,7 @@ void StreamMixer::lead(Stream& stream) {
         if (&other == &stream || other.size == 0) continue;
         take(other, std::min(frames, other.size), true);
     }
-    if (output_) output_(mix_.data(), frames);
+    if (output_) output_(mix_.get(), frames);
 }
 
 }  // namespace velmora

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 namespace velmora {
@@ -49,9 +50,9 @@ class StreamMixer {
   private:
     struct Stream {
         StreamId id = 0;
-        std::vector<float> ring;  // ringFrames frames
-        std::size_t head = 0;     // first buffered frame
-        std::size_t size = 0;     // buffered frames
+        std::unique_ptr<float[]> ring;  // ringFrames frames
+        std::size_t head = 0;           // first buffered frame
+        std::size_t size = 0;           // buffered frames
     };
 
     Stream* find(StreamId id);
@@ -66,7 +67,9 @@ class StreamMixer {
     const std::size_t takeoverFrames_;
     Output output_;
     std::vector<Stream> streams_;
-    std::vector<float> mix_;  // ringFrames frames
+    // ringFrames frames; left unwritten until used, so only what the largest fragment needs is
+    // ever resident.
+    std::unique_ptr<float[]> mix_;
     bool hasLeader_ = false;
     StreamId leader_ = 0;
 };

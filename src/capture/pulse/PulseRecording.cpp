@@ -17,7 +17,7 @@ namespace {
 // How much of one application's audio may wait for the leading stream (see StreamMixer), and how
 // much shows that the leader has stalled: well above a PipeWire quantum, well below the 250 ms
 // after which the frame pipeline pads with silence.
-constexpr std::chrono::milliseconds ringLength{500};
+constexpr std::chrono::milliseconds ringLength{250};
 constexpr std::chrono::milliseconds takeoverLength{100};
 // A record stream that fails this often in a row without delivering is left alone until its
 // application's stream changes again.
@@ -27,8 +27,8 @@ constexpr int attachAttempts = 3;
 // capture does). A running stream always delivers (silence included) while its application is
 // not corked, so a record stream quiet for this long is attached afresh, at growing intervals
 // while the quiet lasts.
-constexpr std::chrono::milliseconds watchInterval{250};
-constexpr std::chrono::milliseconds firstQuietLimit{500};
+constexpr std::chrono::milliseconds watchInterval{125};
+constexpr std::chrono::milliseconds firstQuietLimit{250};
 constexpr std::chrono::milliseconds longestQuietLimit{8000};
 
 std::size_t framesIn(std::chrono::milliseconds length, const pa_sample_spec& spec) {
@@ -211,6 +211,7 @@ void PulseRecording::follow(const pa_sink_input_info& info) {
     detach(*entry);
     entry->sink = info.sink;
     lookUpSink(*entry);
+    countRecorded();
 }
 
 void PulseRecording::lookUpSink(Entry& entry) {
@@ -229,6 +230,7 @@ void PulseRecording::onSinkInfo(pa_context*, const pa_sink_info* info, int end, 
         pa_operation_unref(entry->sinkLookup);
         entry->sinkLookup = nullptr;
     }
+    entry->owner->countRecorded();
 }
 
 void PulseRecording::attach(Entry& entry, const char* monitorSource) {
@@ -305,7 +307,7 @@ PulseRecording::Entry* PulseRecording::find(std::uint32_t sinkInput) {
 void PulseRecording::countRecorded() {
     std::size_t count = 0;
     for (const auto& entry : entries_) {
-        if (entry->stream != nullptr) ++count;
+        if (entry->stream != nullptr || entry->sinkLookup != nullptr) ++count;
     }
     recorded_ = count;
 }

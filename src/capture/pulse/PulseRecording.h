@@ -67,7 +67,7 @@ class PulseRecording : public std::enable_shared_from_this<PulseRecording> {
     // Ends every stream and the connection; once it returns the handler is not called again.
     void stop();
 
-    // Application streams with a record stream attached right now; any thread.
+    // Application streams recorded right now (attached, or being attached); any thread.
     std::size_t recordedStreams() const { return recorded_.load(); }
 
   private:

@@ -150,7 +150,7 @@ class ApplicationCaptureTest : public ::testing::TestWithParam<Kind> {
     // The level of a 1 kHz tone played alone on the default output, as the capture hears it.
     double plainLevel() {
         auto tone = play(SoundServer::speakers, 1000);
-        return lastSecondRms(after(25));
+        return lastSecondRms(after(35));
     }
 
     testing::CaptureLog log_;
@@ -191,7 +191,7 @@ TEST_P(ApplicationCaptureTest, AnApplicationOnACombinedOutputIsHeardOnceAtItsOwn
            std::string("slaves=") + SoundServer::speakers + "," + SoundServer::headphones});
     waitForSink("combined");
     auto tone = play("combined", 1000);
-    const double combined = lastSecondRms(after(30));
+    const double combined = lastSecondRms(after(35));
     // Twice heard would be 6 dB louder.
     EXPECT_NEAR(decibels(combined, plain), 0.0, 1.0) << combined << " against " << plain;
 }
@@ -204,7 +204,7 @@ TEST_P(ApplicationCaptureTest, ALoopbackDoesNotDoubleWhatItLoops) {
            std::string("source=") + SoundServer::speakers + ".monitor",
            std::string("sink=") + SoundServer::headphones, "latency_msec=20"});
     auto tone = play(SoundServer::speakers, 1000);
-    const double looped = lastSecondRms(after(30));
+    const double looped = lastSecondRms(after(35));
     EXPECT_NEAR(decibels(looped, plain), 0.0, 1.0) << looped << " against " << plain;
 }
 
@@ -219,7 +219,7 @@ TEST_P(ApplicationCaptureTest, PipeWiresOwnLoopbackDoesNotDoubleWhatItLoops) {
                          std::string("--playback-props=target.object=") + SoundServer::speakers});
     waitForSink("virtual");
     auto tone = play("virtual", 1000);
-    const double looped = lastSecondRms(after(30));
+    const double looped = lastSecondRms(after(35));
     EXPECT_NEAR(decibels(looped, plain), 0.0, 1.0) << looped << " against " << plain;
 }
 
