@@ -1,9 +1,11 @@
 #include "capture/pulse/AsioPulseMainLoop.h"
 
 #include <fcntl.h>
+#include <linux/kcmp.h>
 #include <poll.h>
 #include <pulse/timeval.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -435,14 +437,28 @@ void AsioPulseMainLoop::Shared::detachAllLocked() {
     context = nullptr;
 }
 
+namespace {
+
+// Whether two descriptors of this process refer to one open file description; false where the
+// kernel cannot say.
+bool sameOpenFile(int first, int second) {
+    const pid_t self = ::getpid();
+    return ::syscall(SYS_kcmp, self, self, KCMP_FILE, first, second) == 0;
+}
+
+}  // namespace
+
 std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatchLocked(int fd) {
     struct stat file {};
     const bool known = ::fstat(fd, &file) == 0;
     for (auto cached = cachedWatches.begin(); cached != cachedWatches.end(); ++cached) {
         const Watch& watch = **cached;
-        // The same number may by now name another file; only the same file reuses the watch.
+        // The same number may by now name another file; only the same open file reuses the
+        // watch. Device and inode alone cannot tell: every eventfd (libpulse's semaphores)
+        // shares one anonymous inode, and a watch on a closed one never fires again.
         if (known && watch.fd == fd && watch.file.st_dev == file.st_dev &&
-            watch.file.st_ino == file.st_ino) {
+            watch.file.st_ino == file.st_ino && watch.descriptor &&
+            sameOpenFile(fd, watch.descriptor->native_handle())) {
             std::shared_ptr<Watch> reused = std::move(*cached);
             cachedWatches.erase(cached);
             return reused;

@@ -12,6 +12,7 @@
 #include "capture/pulse/PulseContext.h"
 #include "capture/pulse/PulseRecording.h"
 #include "config/AudioKit.h"
+#include "config/Log.h"
 #include "config/SerialQueue.h"
 
 namespace velmora {
@@ -22,6 +23,11 @@ constexpr const char* tapFailure = "Could not create the system audio tap";
 constexpr const char* deviceFailure = "Could not create the capture device";
 constexpr const char* attachFailure = "Could not attach to the capture device";
 constexpr const char* startFailure = "Could not start system audio capture";
+
+// Every application's stream is recorded in one format, converted by the server: the common
+// rate of playback, in stereo so that the level of a stereo application is the same as on its
+// output (the frame pipeline averages the channels).
+constexpr pa_sample_spec recordedSpec{PA_SAMPLE_FLOAT32LE, 48000, 2};
 
 // The answer of one introspection call, filled in on the loop thread.
 struct ServerInfoAnswer {
@@ -128,8 +134,8 @@ TapStreamFormat PulseAudioTap::createTap() {
     format.isLinearPCM = true;
     format.isFloat = true;
     format.bitsPerChannel = 32;
-    format.sampleRate = sampleSpec_.rate;
-    format.channelsPerFrame = sampleSpec_.channels;
+    format.sampleRate = recordedSpec.rate;
+    format.channelsPerFrame = recordedSpec.channels;
     format.nonInterleaved = false;
     return format;
 }
@@ -176,16 +182,8 @@ void PulseAudioTap::lookUpSink(const std::string& sinkName) {
         answer.sampleSpec.rate == 0) {
         throw CaptureError::device("Could not identify the audio output device.");
     }
-    // Recording at the sink's own rate and channels spares the server a resampling step; the
-    // float format is ours to ask for.
-    sampleSpec_ =
-        pa_sample_spec{PA_SAMPLE_FLOAT32LE, answer.sampleSpec.rate, answer.sampleSpec.channels};
-    channelMap_ = answer.channelMap;
-    if (!pa_channel_map_valid(&channelMap_) || channelMap_.channels != sampleSpec_.channels) {
-        pa_channel_map_init_auto(&channelMap_, sampleSpec_.channels, PA_CHANNEL_MAP_DEFAULT);
-    }
-    // The monitor by its exact name: "@DEFAULT_MONITOR@" means the default microphone on
-    // PipeWire's pulse server and does not follow a later change of default sink on PulseAudio.
+    // The default output is not what is recorded (every application's stream is, wherever it
+    // plays), but a server without one has nothing to play to: that is an error the user sees.
     monitorSource_ = answer.monitorSource;
 }
 
@@ -207,9 +205,8 @@ void PulseAudioTap::startIO(SerialQueue& queue, InputHandler handler) {
             throwPulseError(attachFailure, PA_ERR_BADSTATE);
         }
         settings.server = options_.server;
-        settings.source = monitorSource_;
-        settings.sampleSpec = sampleSpec_;
-        settings.channelMap = channelMap_;
+        settings.sampleSpec = recordedSpec;
+        pa_channel_map_init_stereo(&settings.channelMap);
         settings.streamName = AudioKit::config().appName + " Tap";
         settings.fragment = options_.fragment;
         settings.timeout = options_.timeout;
@@ -221,6 +218,8 @@ void PulseAudioTap::startIO(SerialQueue& queue, InputHandler handler) {
         recording->stop();
         throwPulseError(failure->attaching ? attachFailure : startFailure, failure->error);
     }
+    log("Recording the output of every application (" +
+        std::to_string(recording->recordedStreams()) + " playing now)");
     recording_ = std::move(recording);
 }
 
@@ -243,9 +242,8 @@ bool PulseAudioTap::hasTap() const {
     return context_ != nullptr;
 }
 
-std::string PulseAudioTap::monitorSourceName() const {
-    PulseLoop::Lock lock(*loop_);
-    return monitorSource_;
+std::size_t PulseAudioTap::recordedStreams() const {
+    return recording_ ? recording_->recordedStreams() : 0;
 }
 
 void PulseAudioTap::installDefaultOutputListener(std::function<void()> changed) {

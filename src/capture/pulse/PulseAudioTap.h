@@ -20,16 +20,16 @@ class DefaultSinkWatch;
 class PulseRecording;
 
 // The system audio tap on a PulseAudio-protocol sound server (PulseAudio itself, or PipeWire's
-// pulse server): records the monitor of the server's default sink as interleaved float32 at the
-// sink's own rate and channel count.
+// pulse server): records what every application plays, each stream once, wherever it plays
+// (see PulseRecording), mixed into one interleaved float32 stream at 48 kHz stereo.
 //
-// Looking up the sink and watching the default run on a threaded main loop, which sleeps while
-// nothing changes: each tap connects a context of its own there (created by createTap, released
-// by teardown), and the default-sink watch keeps a separate context for the tap's whole life, so
-// news of changes keeps coming while no tap exists and across rebuilds. The record stream runs
-// on a connection of its own on the queue given to startIO, so that each fragment costs one
-// wake-up of that queue and nothing else. Every wait on the server is bounded by `timeout`, so a
-// hung server fails a step instead of blocking the caller.
+// Checking the server and watching the default output run on a threaded main loop, which
+// sleeps while nothing changes: each tap connects a context of its own there (created by
+// createTap, released by teardown), and the default-sink watch keeps a separate context for the
+// tap's whole life, so news of changes keeps coming while no tap exists and across rebuilds. The
+// record streams run on a connection of their own on the queue given to startIO, so that each
+// fragment costs one wake-up of that queue and nothing else. Every wait on the server is
+// bounded by `timeout`, so a hung server fails a step instead of blocking the caller.
 class PulseAudioTap final : public AudioTap {
   public:
     struct Options {
@@ -55,8 +55,8 @@ class PulseAudioTap final : public AudioTap {
     // back into this tap.
     void installDefaultOutputListener(std::function<void()> changed) override;
 
-    // The source the tap records from (the default sink's monitor); empty without a tap.
-    std::string monitorSourceName() const;
+    // Application streams recorded right now; 0 without IO. On the caller's thread.
+    std::size_t recordedStreams() const;
 
   private:
     struct Listener;
@@ -75,8 +75,6 @@ class PulseAudioTap final : public AudioTap {
 
     // Guarded by the loop's lock.
     pa_context* context_ = nullptr;
-    pa_sample_spec sampleSpec_{};
-    pa_channel_map channelMap_{};
     std::string monitorSource_;
     bool deviceReady_ = false;
 
