@@ -276,12 +276,18 @@ void PulseRecording::detach(Entry& entry) {
         entry.sinkLookup = nullptr;
     }
     if (entry.stream != nullptr) {
-        pa_stream_set_state_callback(entry.stream, nullptr, nullptr);
         pa_stream_set_read_callback(entry.stream, nullptr, nullptr);
-        if (pa_stream_get_state(entry.stream) != PA_STREAM_UNCONNECTED) {
-            pa_stream_disconnect(entry.stream);
+        if (pa_stream_get_state(entry.stream) == PA_STREAM_CREATING) {
+            // The server refuses to end a stream it has not finished making, and would keep it
+            // recording for the rest of the connection: it is ended once made.
+            pa_stream_set_state_callback(entry.stream, onRetiredStreamState, nullptr);
+        } else {
+            pa_stream_set_state_callback(entry.stream, nullptr, nullptr);
+            if (pa_stream_get_state(entry.stream) == PA_STREAM_READY) {
+                pa_stream_disconnect(entry.stream);
+            }
+            pa_stream_unref(entry.stream);
         }
-        pa_stream_unref(entry.stream);
         entry.stream = nullptr;
     }
     // While a read is under way the mixer finishes it first; the entry goes with release().
@@ -321,6 +327,17 @@ void PulseRecording::onStreamState(pa_stream* stream, void* userdata) {
     ++entry->failures;
     recording->detach(*entry);
     if (entry->failures < attachAttempts) recording->askAbout(entry->sinkInput);
+}
+
+void PulseRecording::onRetiredStreamState(pa_stream* stream, void*) {
+    const pa_stream_state_t state = pa_stream_get_state(stream);
+    if (state == PA_STREAM_READY) {
+        pa_stream_disconnect(stream);  // comes back here as terminated
+    } else if (!PA_STREAM_IS_GOOD(state)) {
+        // Ended, or its connection went: libpulse holds its own reference while it calls us.
+        pa_stream_set_state_callback(stream, nullptr, nullptr);
+        pa_stream_unref(stream);
+    }
 }
 
 void PulseRecording::onRead(pa_stream* stream, std::size_t, void* userdata) {

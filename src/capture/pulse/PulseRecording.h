@@ -82,6 +82,7 @@ class PulseRecording : public std::enable_shared_from_this<PulseRecording> {
                                 void* userdata);
     static void onSinkInfo(pa_context* context, const pa_sink_info* info, int end, void* userdata);
     static void onStreamState(pa_stream* stream, void* userdata);
+    static void onRetiredStreamState(pa_stream* stream, void* userdata);
     static void onRead(pa_stream* stream, std::size_t bytes, void* userdata);
     static void onWatch(pa_mainloop_api* api, pa_time_event* event, const struct timeval* when,
                         void* userdata);

@@ -158,7 +158,9 @@ TEST_P(PulseMicrophoneUsersTest, StreamRecordingAMonitorIsNotListed) {
 }
 
 TEST_P(PulseMicrophoneUsersTest, HelpersOwnSystemAudioCaptureIsNeverListed) {
-    // The helper's real capture records the default output's monitor.
+    // The helper's real capture records what applications play: one plays, so the capture has
+    // a recording stream of its own for the server to list.
+    auto tone = server_->playTone(SoundServer::speakers, 1000, 30);
     SerialQueue captureQueue("com.velmora.audiohelper.capture");
     PulseAudioTap tap(PulseAudioTap::Options{.server = server_->serverAddress()});
     tap.createTap();
