@@ -1,6 +1,7 @@
 #include "server/HelperServer.h"
 
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "config/HelperInfo.h"
@@ -73,14 +74,12 @@ HelperServer::~HelperServer() {
         return;
     }
     // The last owner let go inside one of our own callbacks. The queue cannot join its own
-    // thread, so the main queue, which outlives the server, ends it once this callback has
-    // returned. Not a detached thread: nothing would wait for it, and the rest of this teardown
-    // (the members, the pass keys' OpenSSL objects among them) would run on unordered with
-    // whatever the owner does next, the process's exit included.
+    // thread, so another thread ends it once this callback has returned. Not the main queue:
+    // an owner may already have ended that one.
     publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
-    mainQueue_.post([queue = std::move(queue_)]() mutable { queue.reset(); });
+    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
 }
 
 void HelperServer::wireCapture() {
