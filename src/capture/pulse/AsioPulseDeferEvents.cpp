@@ -11,7 +11,7 @@ namespace {
 struct DeferEvent final : Event {
     using Event::Event;
 
-    void detachLocked() override { context = nullptr; }
+    void detachUnderLock() override { context = nullptr; }
 
     void schedule() {
         if (posted || dead || !enabled || context == nullptr) return;
@@ -43,7 +43,7 @@ pa_defer_event* deferNew(pa_mainloop_api* api, pa_defer_event_cb_t callback, voi
     event->callback = callback;
     event->userdata = userdata;
     {
-        std::lock_guard lock(shared.mutex);
+        MutexLock lock(shared.mutex);
         event->context = shared.context;
     }
     registerEvent(event);

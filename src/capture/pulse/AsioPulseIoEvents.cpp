@@ -85,8 +85,8 @@ pa_io_event* ioNew(pa_mainloop_api* api, int fd, pa_io_event_flags_t flags,
     event->userdata = userdata;
     event->destroy = nullptr;
     {
-        std::lock_guard lock(shared.mutex);
-        event->watch = shared.takeWatchLocked(fd);
+        MutexLock lock(shared.mutex);
+        event->watch = shared.takeWatchUnderLock(fd);
         event->watch->event = event;
         shared.events.push_back(event);
     }
@@ -111,9 +111,9 @@ void ioFree(pa_io_event* handle) {
     std::shared_ptr<Watch> watch = std::move(event->watch);
     watch->event = nullptr;
     {
-        std::lock_guard lock(shared.mutex);
+        MutexLock lock(shared.mutex);
         std::erase(shared.events, event);
-        shared.cacheWatchLocked(std::move(watch));
+        shared.cacheWatchUnderLock(std::move(watch));
     }
     std::unique_ptr<IoEvent> spare(event);
     if (shared.spareIoEvents.size() < shared.spareIoEvents.capacity()) {
@@ -145,7 +145,7 @@ void installIoEvents(pa_mainloop_api& api) {
 
 using asio_pulse_loop::Watch;
 
-std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatchLocked(int fd) {
+std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatchUnderLock(int fd) {
     struct stat file {};
     const bool known = ::fstat(fd, &file) == 0;
     for (auto cached = cachedWatches.begin(); cached != cachedWatches.end(); ++cached) {
@@ -176,23 +176,23 @@ std::shared_ptr<Watch> AsioPulseMainLoop::Shared::takeWatchLocked(int fd) {
     return watch;
 }
 
-void AsioPulseMainLoop::Shared::cacheWatchLocked(std::shared_ptr<Watch> watch) {
+void AsioPulseMainLoop::Shared::cacheWatchUnderLock(std::shared_ptr<Watch> watch) {
     if (!watch->descriptor) return;
     cachedWatches.push_back(std::move(watch));
     if (purgePosted || context == nullptr) return;
     purgePosted = true;
     boost::asio::post(*context, [weak = weakSelf] {
         if (auto shared = weak.lock()) {
-            std::lock_guard lock(shared->mutex);
+            MutexLock lock(shared->mutex);
             shared->purgePosted = false;
-            shared->purgeCachedWatchesLocked();
+            shared->purgeCachedWatchesUnderLock();
         }
     });
 }
 
 // Closes the duplicates that nothing took up: the file they hold open may be libpulse's closed
 // connection, which the server must see end.
-void AsioPulseMainLoop::Shared::purgeCachedWatchesLocked() {
+void AsioPulseMainLoop::Shared::purgeCachedWatchesUnderLock() {
     for (const auto& watch : cachedWatches) watch->descriptor.reset();
     cachedWatches.clear();
 }

@@ -10,8 +10,9 @@
 
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <memory>
-#include <mutex>
 #include <vector>
+
+#include "config/ThreadSafety.h"
 
 namespace velmora {
 namespace asio_pulse_loop {
@@ -34,23 +35,25 @@ struct AsioPulseMainLoop::Shared {
     std::weak_ptr<Shared> weakSelf;
     // Guards `context`, `events` and the cached watches against the io_context ending, or the
     // loop being destroyed, on another thread.
-    std::mutex mutex;
-    boost::asio::io_context* context = nullptr;  // null once the io_context has ended
-    std::vector<asio_pulse_loop::Event*> events;
+    Mutex mutex;
+    // null once the io_context has ended
+    boost::asio::io_context* context VELMORA_GUARDED_BY(mutex) = nullptr;
+    std::vector<asio_pulse_loop::Event*> events VELMORA_GUARDED_BY(mutex);
     // Watches of freed io events, kept until the end of this turn of the loop for an io_new on
     // the same descriptor, which then costs no new registration with the reactor.
-    std::vector<std::shared_ptr<asio_pulse_loop::Watch>> cachedWatches;
-    bool purgePosted = false;
+    std::vector<std::shared_ptr<asio_pulse_loop::Watch>> cachedWatches VELMORA_GUARDED_BY(mutex);
+    bool purgePosted VELMORA_GUARDED_BY(mutex) = false;
 
     // On the loop's thread (or once it has ended).
     // Freed io events kept for reuse: libpulse frees and makes one again for every fragment when
     // its socket is readable and writable at once.
     std::vector<std::unique_ptr<asio_pulse_loop::IoEvent>> spareIoEvents;
 
-    void detachAllLocked();
-    std::shared_ptr<asio_pulse_loop::Watch> takeWatchLocked(int fd);
-    void cacheWatchLocked(std::shared_ptr<asio_pulse_loop::Watch> watch);
-    void purgeCachedWatchesLocked();
+    // With `mutex` held.
+    void detachAllUnderLock() VELMORA_REQUIRES(mutex);
+    std::shared_ptr<asio_pulse_loop::Watch> takeWatchUnderLock(int fd) VELMORA_REQUIRES(mutex);
+    void cacheWatchUnderLock(std::shared_ptr<asio_pulse_loop::Watch> watch) VELMORA_REQUIRES(mutex);
+    void purgeCachedWatchesUnderLock() VELMORA_REQUIRES(mutex);
 };
 
 namespace asio_pulse_loop {
@@ -61,7 +64,7 @@ struct Event {
     explicit Event(Shared& shared) : shared(shared) {}
     virtual ~Event() = default;
     // Drops the asio side; called with the shared mutex held.
-    virtual void detachLocked() = 0;
+    virtual void detachUnderLock() = 0;
 
     Shared& shared;
     bool dead = false;
@@ -111,7 +114,7 @@ struct Watch : std::enable_shared_from_this<Watch> {
 struct IoEvent final : Event {
     using Event::Event;
 
-    void detachLocked() override {
+    void detachUnderLock() override {
         if (watch) watch->descriptor.reset();
     }
 

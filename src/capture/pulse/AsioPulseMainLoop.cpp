@@ -13,15 +13,15 @@ namespace asio_pulse_loop {
 
 void registerEvent(const std::shared_ptr<Event>& event) {
     event->self = event;
-    std::lock_guard lock(event->shared.mutex);
+    MutexLock lock(event->shared.mutex);
     event->shared.events.push_back(event.get());
 }
 
 void release(Event* event) {
     std::shared_ptr<Event> last = std::move(event->self);
     event->dead = true;
-    std::lock_guard lock(event->shared.mutex);
-    event->detachLocked();
+    MutexLock lock(event->shared.mutex);
+    event->detachUnderLock();
     std::erase(event->shared.events, event);
 }
 
@@ -39,24 +39,24 @@ class LoopRegistryService final : public boost::asio::execution_context::service
     explicit LoopRegistryService(boost::asio::execution_context& context) : service(context) {}
 
     void add(const std::shared_ptr<Shared>& shared) {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         loops_.push_back(shared);
     }
 
   private:
     void shutdown() override {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         for (const auto& weak : loops_) {
             if (auto shared = weak.lock()) {
-                std::lock_guard sharedLock(shared->mutex);
-                shared->detachAllLocked();
+                MutexLock sharedLock(shared->mutex);
+                shared->detachAllUnderLock();
             }
         }
         loops_.clear();
     }
 
-    std::mutex mutex_;
-    std::vector<std::weak_ptr<Shared>> loops_;
+    Mutex mutex_;
+    std::vector<std::weak_ptr<Shared>> loops_ VELMORA_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -65,9 +65,9 @@ class LoopRegistryService final : public boost::asio::execution_context::service
 using asio_pulse_loop::Event;
 using asio_pulse_loop::IoEvent;
 
-void AsioPulseMainLoop::Shared::detachAllLocked() {
-    for (Event* event : events) event->detachLocked();
-    purgeCachedWatchesLocked();
+void AsioPulseMainLoop::Shared::detachAllUnderLock() {
+    for (Event* event : events) event->detachUnderLock();
+    purgeCachedWatchesUnderLock();
     context = nullptr;
 }
 
@@ -81,7 +81,11 @@ AsioPulseMainLoop::AsioPulseMainLoop(boost::asio::io_context& context)
         boost::asio::steady_timer timer(context);
     }
     boost::asio::use_service<asio_pulse_loop::LoopRegistryService>(context).add(shared_);
-    shared_->context = &context;
+    {
+        // From here on the io_context may end on another thread.
+        MutexLock lock(shared_->mutex);
+        shared_->context = &context;
+    }
     pa_mainloop_api& api = shared_->api;
     api.userdata = shared_.get();
     asio_pulse_loop::installIoEvents(api);
@@ -93,10 +97,10 @@ AsioPulseMainLoop::AsioPulseMainLoop(boost::asio::io_context& context)
 AsioPulseMainLoop::~AsioPulseMainLoop() {
     std::vector<std::shared_ptr<Event>> left;
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLock lock(shared_->mutex);
         for (Event* event : shared_->events) {
             event->dead = true;
-            event->detachLocked();
+            event->detachUnderLock();
             if (auto* io = dynamic_cast<IoEvent*>(event)) {
                 io->watch->event = nullptr;
                 delete io;
@@ -105,7 +109,7 @@ AsioPulseMainLoop::~AsioPulseMainLoop() {
             }
         }
         shared_->events.clear();
-        shared_->purgeCachedWatchesLocked();
+        shared_->purgeCachedWatchesUnderLock();
     }
 }
 
@@ -114,12 +118,12 @@ pa_mainloop_api* AsioPulseMainLoop::api() {
 }
 
 bool AsioPulseMainLoop::isLoopThread() const {
-    std::lock_guard lock(shared_->mutex);
+    MutexLock lock(shared_->mutex);
     return shared_->context != nullptr && shared_->context->get_executor().running_in_this_thread();
 }
 
 bool AsioPulseMainLoop::isLoopGone() const {
-    std::lock_guard lock(shared_->mutex);
+    MutexLock lock(shared_->mutex);
     return shared_->context == nullptr;
 }
 
@@ -149,7 +153,7 @@ void AsioPulseMainLoop::runAndWait(const std::function<void()>& work) {
     auto completion = std::make_shared<Completion>();
     bool posted = false;
     {
-        std::lock_guard lock(shared_->mutex);
+        MutexLock lock(shared_->mutex);
         if (shared_->context != nullptr) {
             boost::asio::post(*shared_->context,
                               [notifier = std::make_shared<Notifier>(completion), &work] {
@@ -170,7 +174,7 @@ void AsioPulseMainLoop::runAndWait(const std::function<void()>& work) {
 }
 
 std::size_t AsioPulseMainLoop::liveEvents() const {
-    std::lock_guard lock(shared_->mutex);
+    MutexLock lock(shared_->mutex);
     return shared_->events.size();
 }
 

@@ -38,7 +38,7 @@ std::chrono::steady_clock::time_point deadlineOf(const struct timeval& when) {
 struct TimeEvent final : Event {
     using Event::Event;
 
-    void detachLocked() override { timer.reset(); }
+    void detachUnderLock() override { timer.reset(); }
 
     void restart(const struct timeval* when) {
         ++generation;
@@ -72,7 +72,7 @@ pa_time_event* timeNew(pa_mainloop_api* api, const struct timeval* when,
     event->callback = callback;
     event->userdata = userdata;
     {
-        std::lock_guard lock(shared.mutex);
+        MutexLock lock(shared.mutex);
         if (shared.context != nullptr) {
             event->timer = std::make_unique<boost::asio::steady_timer>(*shared.context);
         }
