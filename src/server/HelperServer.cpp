@@ -67,6 +67,7 @@ HelperServer::~HelperServer() {
     setOnStatus(nullptr);
     if (!queue_->isCurrent()) {
         queue_->runAndWait([this] {
+            VELMORA_ASSERT_ON_QUEUE(*queue_);
             publishing_ = false;
             closeEverythingLocked();
         });
@@ -77,6 +78,7 @@ HelperServer::~HelperServer() {
     // returned. Not a detached thread: nothing would wait for it, and the rest of this teardown
     // (the members, the pass keys' OpenSSL objects among them) would run on unordered with
     // whatever the owner does next, the process's exit included.
+    VELMORA_ASSERT_ON_QUEUE(*queue_);
     publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
@@ -96,7 +98,10 @@ void HelperServer::wireCapture() {
         });
     });
     capture_->setRestartHandler([queue, server] {
-        postWeakly(queue, server, [](HelperServer& self) { self.capture_->rebuild(); });
+        postWeakly(queue, server, [](HelperServer& self) {
+            VELMORA_ASSERT_ON_QUEUE(*self.queue_);
+            self.capture_->rebuild();
+        });
     });
 }
 
@@ -126,6 +131,7 @@ void HelperServer::start() {
 
 void HelperServer::restart() {
     post([](HelperServer& self) {
+        VELMORA_ASSERT_ON_QUEUE(*self.queue_);
         self.stopCaptureLocked(true);
         for (auto& [key, client] : self.clients_) {
             client->open = false;
@@ -140,6 +146,7 @@ void HelperServer::restart() {
 
 void HelperServer::shutdown() {
     queue_->runAndWait([this] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
         stopCaptureLocked(false);
         cancelListenerLocked();
         for (auto& [key, client] : clients_) client->connection->close();
@@ -155,16 +162,23 @@ void HelperServer::sendFrame(SystemAudioCapture::Frame frame) {
 }
 
 HelperStatus HelperServer::status() {
-    return queue_->sync([this] { return status_; });
+    return queue_->sync([this] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
+        return status_;
+    });
 }
 
 bool HelperServer::admits(const WebSocketSession::UpgradeRequest& request) {
-    return queue_->sync([&] { return admitLocked(request); });
+    return queue_->sync([&] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
+        return admitLocked(request);
+    });
 }
 
 std::vector<std::string> HelperServer::handleTextWithoutConnection(const std::string& origin,
                                                                    std::string_view text) {
     return queue_->sync([&] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
         std::vector<std::string> sent;
         auto client = std::make_shared<Client>();
         client->origin = origin;
