@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian 12 machine and runs the whole test suite.
 #   scripts/test.sh              debug build: unit, integration, sound-server and browser tests
-#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, fuzzers, the packages'
-#                                end-to-end test (as root) and benchmarks
+#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, the thread-safety
+#                                analysis build, fuzzers, the packages' end-to-end test (as root)
+#                                and benchmarks
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -53,6 +54,10 @@ if [ "$full" -eq 1 ]; then
     # the headless helper (the demo's settings test runs it); the preset builds without the tray.
     run_preset tsan config_tests capture_tests server_tests capture_pulse_tests \
         meetings_pulse_tests conformance_tests ws-conformance-server velmora-audio-helper
+
+    echo "== threads: clang's thread-safety analysis, warnings as errors (build only)"
+    cmake --preset threads >/dev/null
+    cmake --build --preset threads -j "$jobs"
 
     if [ -f fuzz/run-all.sh ]; then
         echo "== fuzzers: 60 s each from the committed seed corpus"

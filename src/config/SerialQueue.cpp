@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <vector>
@@ -24,8 +23,8 @@ class SteadyQueueTimer;
 // queue, a copy kept elsewhere); the queue's destructor then takes each asio timer away while
 // the loop they belong to still exists, so a later cancel() or release touches nothing gone.
 struct TimerRegistry {
-    std::mutex mutex;
-    std::set<SteadyQueueTimer*> timers;
+    Mutex mutex;
+    std::set<SteadyQueueTimer*> timers VELMORA_GUARDED_BY(mutex);
 };
 
 // Keeps a queue's registry with its event loop, so the queue's layout needs no extra member.
@@ -53,13 +52,13 @@ class SteadyQueueTimer final : public QueueTimer {
           timer_(std::make_unique<boost::asio::steady_timer>(context)),
           interval_(interval),
           work_(std::move(work)) {
-        std::lock_guard guard(registry_->mutex);
+        MutexLock guard(registry_->mutex);
         registry_->timers.insert(this);
     }
 
     ~SteadyQueueTimer() override {
         // No wait is pending (it would hold this timer), so nothing re-enters from here.
-        std::lock_guard guard(registry_->mutex);
+        MutexLock guard(registry_->mutex);
         registry_->timers.erase(this);
         timer_.reset();
     }
@@ -72,7 +71,7 @@ class SteadyQueueTimer final : public QueueTimer {
 
     void cancel() override {
         cancelled_ = true;
-        std::lock_guard guard(registry_->mutex);
+        MutexLock guard(registry_->mutex);
         if (!timer_) return;  // its queue is gone, and with it every firing
         // The asio timer itself is only touched on its own loop.
         boost::asio::post(timer_->get_executor(),
@@ -82,7 +81,7 @@ class SteadyQueueTimer final : public QueueTimer {
     bool isCancelled() const override { return cancelled_; }
 
     // Called by the queue's destructor with the registry locked, after its loop has ended.
-    std::unique_ptr<boost::asio::steady_timer> detachLocked() { return std::move(timer_); }
+    std::unique_ptr<boost::asio::steady_timer> detachUnderLock() { return std::move(timer_); }
 
   private:
     void wait() {
@@ -127,8 +126,9 @@ SerialQueue::~SerialQueue() {
     std::vector<std::unique_ptr<boost::asio::steady_timer>> detached;
     {
         auto registry = registryOf(context_);
-        std::lock_guard guard(registry->mutex);
-        for (SteadyQueueTimer* timer : registry->timers) detached.push_back(timer->detachLocked());
+        MutexLock guard(registry->mutex);
+        for (SteadyQueueTimer* timer : registry->timers)
+            detached.push_back(timer->detachUnderLock());
     }
     // Destroyed outside the lock: cancelling their waits hands the handlers to the loop, whose
     // destruction then releases them (and may release the timers).

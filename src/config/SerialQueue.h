@@ -4,6 +4,8 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
@@ -12,13 +14,19 @@
 #include <thread>
 #include <type_traits>
 
+#include "config/ThreadSafety.h"
+
 namespace velmora {
 
 class QueueTimer;
 
 // A named serial queue: one thread running one event loop, so everything posted to it runs
 // one at a time, in order. Services keep their mutable state confined to their own queue.
-class SerialQueue {
+// To the thread-safety analysis the queue is a capability, held by code that runs on it: state
+// confined to it is marked VELMORA_GUARDED_BY(queue), and functions that must run on it are
+// marked VELMORA_REQUIRES(queue). Work posted to it gets the capability from
+// VELMORA_ASSERT_ON_QUEUE.
+class VELMORA_CAPABILITY("queue") SerialQueue {
   public:
     using Duration = std::chrono::steady_clock::duration;
 
@@ -66,6 +74,11 @@ class SerialQueue {
     // True when called from this queue's own thread, inside its loop.
     bool isCurrent() const;
 
+    // In debug builds, aborts with the caller's location unless called from this queue; for the
+    // analysis, the queue is held from here on. Use it through VELMORA_ASSERT_ON_QUEUE.
+    void assertCurrent(const char* file, int line, const char* function) const
+        VELMORA_ASSERT_CAPABILITY(this);
+
     // For a CallerThread queue: runs the loop until stop().
     void run();
     void stop();
@@ -92,22 +105,22 @@ class QueueTimer : public std::enable_shared_from_this<QueueTimer> {
 
 }  // namespace velmora
 
-// Debug-only check that a member runs on its owner's queue (for the functions named ...Locked).
+// Debug-only check that a member runs on its owner's queue (for the functions named ...Locked);
+// it also tells the thread-safety analysis that the queue is held.
+#define VELMORA_ASSERT_ON_QUEUE(queue) (queue).assertCurrent(__FILE__, __LINE__, __func__)
+
+namespace velmora {
+
 #ifndef NDEBUG
-#include <cstdio>
-#include <cstdlib>
-#define VELMORA_ASSERT_ON_QUEUE(queue)                                                             \
-    do {                                                                                           \
-        if (!(queue).isCurrent()) {                                                                \
-            std::fprintf(stderr, "%s:%d: %s must run on queue %s\n", __FILE__, __LINE__, __func__, \
-                         (queue).name().c_str());                                                  \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (false)
+inline void SerialQueue::assertCurrent(const char* file, int line, const char* function) const {
+    if (!isCurrent()) {
+        std::fprintf(stderr, "%s:%d: %s must run on queue %s\n", file, line, function,
+                     name_.c_str());
+        std::abort();
+    }
+}
 #else
-// Not evaluated, but still type-checked, and the argument counts as used.
-#define VELMORA_ASSERT_ON_QUEUE(queue)     \
-    do {                                   \
-        (void)sizeof((queue).isCurrent()); \
-    } while (false)
+inline void SerialQueue::assertCurrent(const char*, int, const char*) const {}
 #endif
+
+}  // namespace velmora

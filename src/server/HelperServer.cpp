@@ -68,6 +68,7 @@ HelperServer::~HelperServer() {
     setOnStatus(nullptr);
     if (!queue_->isCurrent()) {
         queue_->runAndWait([this] {
+            VELMORA_ASSERT_ON_QUEUE(*queue_);
             publishing_ = false;
             closeEverythingLocked();
         });
@@ -76,6 +77,7 @@ HelperServer::~HelperServer() {
     // The last owner let go inside one of our own callbacks. The queue cannot join its own
     // thread, so another thread ends it once this callback has returned. Not the main queue:
     // an owner may already have ended that one.
+    VELMORA_ASSERT_ON_QUEUE(*queue_);
     publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
@@ -95,7 +97,10 @@ void HelperServer::wireCapture() {
         });
     });
     capture_->setRestartHandler([queue, server] {
-        postWeakly(queue, server, [](HelperServer& self) { self.capture_->rebuild(); });
+        postWeakly(queue, server, [](HelperServer& self) {
+            VELMORA_ASSERT_ON_QUEUE(*self.queue_);
+            self.capture_->rebuild();
+        });
     });
 }
 
@@ -125,6 +130,7 @@ void HelperServer::start() {
 
 void HelperServer::restart() {
     post([](HelperServer& self) {
+        VELMORA_ASSERT_ON_QUEUE(*self.queue_);
         self.stopCaptureLocked(true);
         for (auto& [key, client] : self.clients_) {
             client->open = false;
@@ -139,6 +145,7 @@ void HelperServer::restart() {
 
 void HelperServer::shutdown() {
     queue_->runAndWait([this] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
         stopCaptureLocked(false);
         cancelListenerLocked();
         for (auto& [key, client] : clients_) client->connection->close();
@@ -154,16 +161,23 @@ void HelperServer::sendFrame(SystemAudioCapture::Frame frame) {
 }
 
 HelperStatus HelperServer::status() {
-    return queue_->sync([this] { return status_; });
+    return queue_->sync([this] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
+        return status_;
+    });
 }
 
 bool HelperServer::admits(const WebSocketSession::UpgradeRequest& request) {
-    return queue_->sync([&] { return admitLocked(request); });
+    return queue_->sync([&] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
+        return admitLocked(request);
+    });
 }
 
 std::vector<std::string> HelperServer::handleTextWithoutConnection(const std::string& origin,
                                                                    std::string_view text) {
     return queue_->sync([&] {
+        VELMORA_ASSERT_ON_QUEUE(*queue_);
         std::vector<std::string> sent;
         auto client = std::make_shared<Client>();
         client->origin = origin;

@@ -16,6 +16,7 @@
 #include "capture/CaptureError.h"
 #include "capture/SystemAudioCapture.h"
 #include "config/SerialQueue.h"
+#include "config/ThreadSafety.h"
 #include "meetings/CallEndWatch.h"
 #include "meetings/MicrophoneUsers.h"
 #include "server/Client.h"
@@ -76,8 +77,11 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // The current status, read on the server's queue (not callable from it).
     HelperStatus status();
 
-    // The identifier the call-end watch ignores as the helper itself; fixed at creation.
-    const std::string& ownBundleId() const { return callWatch_.ownBundleId(); }
+    // The identifier the call-end watch ignores as the helper itself; fixed at creation, so it
+    // may be read from any thread although the watch lives on the queue.
+    const std::string& ownBundleId() const VELMORA_NO_THREAD_SAFETY_ANALYSIS {
+        return callWatch_.ownBundleId();
+    }
 
     // Seams for fuzzing the input handling without sockets; not callable from the queue.
     // The origin decision on one upgrade request, exactly as a handshake from this user's own
@@ -103,47 +107,53 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
 
     using Work = std::function<void(HelperServer&)>;
 
-    void wireCapture();
+    // In create(), before any work reaches the queue: the capture it wires is not yet shared.
+    void wireCapture() VELMORA_NO_THREAD_SAFETY_ANALYSIS;
     // Runs work on the queue if the server still exists then. postWeakly is for callbacks from
     // other threads: it does not keep the server alive, so the server is never destroyed there.
     void post(Work work);
     static void postWeakly(const std::weak_ptr<SerialQueue>& queue,
                            const std::weak_ptr<HelperServer>& server, Work work);
 
+    // The ...Locked functions run on queue_. Those entered from callbacks check that they do
+    // (VELMORA_ASSERT_ON_QUEUE); the rest require it of their callers.
+
     // Listener, admission and clients (HelperServerListenerAndAdmission.cpp).
     void startListenerLocked();
     void listenerStateChangedLocked(WebSocketListener& listener, WebSocketListener::State state,
                                     const boost::system::error_code& error, std::uint16_t port);
-    void cancelListenerLocked();
+    void cancelListenerLocked() VELMORA_REQUIRES(*queue_);
     Admission admitConnectionLocked(const WebSocketSession::UpgradeRequest& request,
                                     const ConnectionEndpoints& endpoints, std::uint16_t port);
-    bool admitLocked(const WebSocketSession::UpgradeRequest& request);
+    bool admitLocked(const WebSocketSession::UpgradeRequest& request) VELMORA_REQUIRES(*queue_);
     ClientPointer acceptLocked(const std::shared_ptr<WebSocketSession>& connection);
     void clientReadyLocked(const ClientPointer& client);
     void clientEndedLocked(const ClientPointer& client, const boost::system::error_code& error);
-    void dropLocked(const ClientPointer& client);
-    void sendJSONLocked(const Client& client, const nlohmann::json& message);
+    void dropLocked(const ClientPointer& client) VELMORA_REQUIRES(*queue_);
+    void sendJSONLocked(const Client& client, const nlohmann::json& message)
+        VELMORA_REQUIRES(*queue_);
 
     // Capture sessions (HelperServerCaptureSessions.cpp).
     void handleTextLocked(const ClientPointer& client, std::string_view text);
-    void handleStartLocked(const ClientPointer& client);
+    void handleStartLocked(const ClientPointer& client) VELMORA_REQUIRES(*queue_);
     void permissionAnsweredLocked(bool granted, std::uint64_t token);
     void permissionTimedOutLocked(std::uint64_t token);
-    void sendErrorLocked(const Client& client, const CaptureError& error);
-    void stopCaptureLocked(bool notify);
+    void sendErrorLocked(const Client& client, const CaptureError& error) VELMORA_REQUIRES(*queue_);
+    void stopCaptureLocked(bool notify) VELMORA_REQUIRES(*queue_);
     void captureFailedLocked(const std::string& text);
     void sendFrameLocked(const std::shared_ptr<const SystemAudioCapture::Frame>& frame);
 
     // Call-end notices (HelperServerCallEndNotices.cpp).
-    void watchCallsLocked(bool on);
+    void watchCallsLocked(bool on) VELMORA_REQUIRES(*queue_);
     void callTickLocked();
 
     // Status.
-    void changeStatusLocked(const std::function<void(HelperStatus&)>& change);
-    void publishLocked();
-    int openClientCountLocked() const;
+    void changeStatusLocked(const std::function<void(HelperStatus&)>& change)
+        VELMORA_REQUIRES(*queue_);
+    void publishLocked() VELMORA_REQUIRES(*queue_);
+    int openClientCountLocked() const VELMORA_REQUIRES(*queue_);
 
-    void closeEverythingLocked();
+    void closeEverythingLocked() VELMORA_REQUIRES(*queue_);
 
     std::shared_ptr<SerialQueue> queue_;
     SerialQueue& mainQueue_;
@@ -155,21 +165,21 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     const std::shared_ptr<StatusSlot> onStatus_;
 
     // Everything below is confined to queue_.
-    std::shared_ptr<WebSocketListener> listener_;
-    std::shared_ptr<QueueTimer> listenerRetry_;
-    std::unordered_map<const Client*, ClientPointer> clients_;
-    ClientPointer active_;
-    bool starting_ = false;
-    std::shared_ptr<SystemAudioCapture> capture_;
-    HelperStatus status_;
-    CallEndWatch callWatch_;
-    std::shared_ptr<QueueTimer> callTimer_;
-    std::string lastAcceptedOrigin_;
-    PeerAdmission peerAdmission_;
+    std::shared_ptr<WebSocketListener> listener_ VELMORA_GUARDED_BY(*queue_);
+    std::shared_ptr<QueueTimer> listenerRetry_ VELMORA_GUARDED_BY(*queue_);
+    std::unordered_map<const Client*, ClientPointer> clients_ VELMORA_GUARDED_BY(*queue_);
+    ClientPointer active_ VELMORA_GUARDED_BY(*queue_);
+    bool starting_ VELMORA_GUARDED_BY(*queue_) = false;
+    std::shared_ptr<SystemAudioCapture> capture_ VELMORA_GUARDED_BY(*queue_);
+    HelperStatus status_ VELMORA_GUARDED_BY(*queue_);
+    CallEndWatch callWatch_ VELMORA_GUARDED_BY(*queue_);
+    std::shared_ptr<QueueTimer> callTimer_ VELMORA_GUARDED_BY(*queue_);
+    std::string lastAcceptedOrigin_ VELMORA_GUARDED_BY(*queue_);
+    PeerAdmission peerAdmission_ VELMORA_GUARDED_BY(*queue_);
     // The peer socket of the connection admitted last, taken by the session made for it next.
-    std::uint64_t admittedPeerSocket_ = 0;
-    std::uint64_t startToken_ = 0;
-    bool publishing_ = true;  // false from shutdown on
+    std::uint64_t admittedPeerSocket_ VELMORA_GUARDED_BY(*queue_) = 0;
+    std::uint64_t startToken_ VELMORA_GUARDED_BY(*queue_) = 0;
+    bool publishing_ VELMORA_GUARDED_BY(*queue_) = true;  // false from shutdown on
 };
 
 }  // namespace velmora

@@ -153,7 +153,9 @@ void HelperServer::listenerStateChangedLocked(WebSocketListener& listener,
             listenerRetry_ =
                 queue_->runAfter(timings_.listenerRetryDelay, [server = weak_from_this()] {
                     auto self = server.lock();
-                    if (self && !self->listener_) {
+                    if (!self) return;
+                    VELMORA_ASSERT_ON_QUEUE(*self->queue_);
+                    if (!self->listener_) {
                         self->startListenerLocked();
                     }
                 });
@@ -223,7 +225,8 @@ void HelperServer::clientReadyLocked(const ClientPointer& client) {
     // connection is ready both get the later origin.
     client->origin = lastAcceptedOrigin_;
     log("Client connected (" + client->origin + ")");
-    changeStatusLocked([&](HelperStatus& status) { status.clients = openClientCountLocked(); });
+    const int openClients = openClientCountLocked();
+    changeStatusLocked([openClients](HelperStatus& status) { status.clients = openClients; });
     sendJSONLocked(*client, ProtocolMessages::hello(AudioKit::config().product));
 }
 
@@ -249,7 +252,8 @@ void HelperServer::dropLocked(const ClientPointer& client) {
         stopCaptureLocked(false);
     }
     clients_.erase(client.get());
-    changeStatusLocked([&](HelperStatus& status) { status.clients = openClientCountLocked(); });
+    const int openClients = openClientCountLocked();
+    changeStatusLocked([openClients](HelperStatus& status) { status.clients = openClients; });
     client->connection->close();
 }
 
