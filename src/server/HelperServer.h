@@ -79,6 +79,16 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     // The identifier the call-end watch ignores as the helper itself; fixed at creation.
     const std::string& ownBundleId() const { return callWatch_.ownBundleId(); }
 
+    // Makes a page's session on the server's io_context, for a connection that reaches the helper
+    // other than through its listener.
+    using SessionMaker = std::function<std::shared_ptr<WebSocketSession>(boost::asio::io_context&)>;
+    // Serves one such connection, whose upgrade `request` has been read and whose ends are
+    // `endpoints`: admitted as the listener's connections are (peer, Host, origin, room), then
+    // answered and served by the session `makeSession` makes; a refused one is closed.
+    // Asynchronous.
+    void serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
+               ConnectionEndpoints endpoints);
+
     // Seams for fuzzing the input handling without sockets; not callable from the queue.
     // The origin decision on one upgrade request, exactly as a handshake from this user's own
     // process, naming the helper in Host, gets it.

@@ -90,6 +90,25 @@ std::shared_ptr<WebSocketSession::Handler> HelperServer::ListenerEvents::session
     if (!server) return nullptr;
     return std::make_shared<ClientEvents>(server_, server->acceptLocked(session));
 }
+
+void HelperServer::serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
+                         ConnectionEndpoints endpoints) {
+    auto arrival = std::make_shared<std::pair<SessionMaker, WebSocketSession::UpgradeRequest>>(
+        std::move(makeSession), std::move(request));
+    post([arrival, endpoints](HelperServer& self) {
+        auto& [makeSession, request] = *arrival;
+        auto session = makeSession(self.queue_->context());
+        std::shared_ptr<WebSocketSession::Handler> handler;
+        if (self.admitConnectionLocked(request, endpoints, self.policy_.port()) ==
+            Admission::admitted) {
+            handler =
+                std::make_shared<ClientEvents>(self.weak_from_this(), self.acceptLocked(session));
+        }
+        // Without a handler the session closes the connection unanswered.
+        session->accept(std::move(request), std::move(handler), [] {});
+    });
+}
+
 // ---------------------------------------------------------------------------------------------
 // Listener and clients
 
