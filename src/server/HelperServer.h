@@ -89,15 +89,10 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     void serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
                ConnectionEndpoints endpoints);
 
-    // Seams for fuzzing the input handling without sockets; not callable from the queue.
+    // Seam for fuzzing the origin decision; not callable from the queue.
     // The origin decision on one upgrade request, exactly as a handshake from this user's own
     // process, naming the helper in Host, gets it.
     bool admits(const WebSocketSession::UpgradeRequest& request);
-    // Handles one text message from an open page of `origin` that has no connection, as a
-    // connected page's message is handled, and returns what that page is sent meanwhile. The
-    // page is then dropped, as a page that closes is.
-    std::vector<std::string> handleTextWithoutConnection(const std::string& origin,
-                                                         std::string_view text);
 
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,

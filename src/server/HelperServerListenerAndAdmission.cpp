@@ -282,11 +282,7 @@ void HelperServer::sendJSONLocked(const Client& client, const nlohmann::json& me
     if (!client.open) return;
     auto text = ProtocolMessages::serialize(message);
     if (!text) return;
-    if (client.outbox) {
-        client.outbox->push_back(std::move(*text));
-    } else {
-        client.connection->sendText(std::move(*text));
-    }
+    client.connection->sendText(std::move(*text));
 }
 
 }  // namespace velmora
