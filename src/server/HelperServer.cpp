@@ -158,10 +158,6 @@ HelperStatus HelperServer::status() {
     return queue_->sync([this] { return status_; });
 }
 
-bool HelperServer::admits(const WebSocketSession::UpgradeRequest& request) {
-    return queue_->sync([&] { return admitLocked(request); });
-}
-
 void HelperServer::closeEverythingLocked() {
     stopCaptureLocked(false);
     cancelListenerLocked();

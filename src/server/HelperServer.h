@@ -89,11 +89,6 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
     void serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
                ConnectionEndpoints endpoints);
 
-    // Seam for fuzzing the origin decision; not callable from the queue.
-    // The origin decision on one upgrade request, exactly as a handshake from this user's own
-    // process, naming the helper in Host, gets it.
-    bool admits(const WebSocketSession::UpgradeRequest& request);
-
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,
                  std::shared_ptr<MicrophoneUsers> microphoneUsers, SerialQueue& mainQueue,
