@@ -24,6 +24,7 @@
 #include <string>
 #include <string_view>
 
+#include "access/HelperPass.h"
 #include "config/AudioKit.h"
 #include "config/SerialQueue.h"
 #include "server/HelperServer.h"
@@ -31,6 +32,7 @@
 #include "server/WebSocketUpgrade.h"
 #include "support/Chunks.h"
 #include "support/FuzzDoubles.h"
+#include "support/InMemoryPage.h"
 #include "support/QuietLog.h"
 #include "support/SocketPair.h"
 
@@ -57,6 +59,7 @@ struct OriginQuestion {
 };
 
 OriginQuestion question;
+constexpr std::uint16_t port = 8765;
 bool allowAbsentOrigin = false;
 
 struct Harness {
@@ -66,7 +69,7 @@ struct Harness {
     Harness() {
         fuzzing::sendLogNowhere();
         ServerPolicy policy{
-            .port = AudioKitConfig::defaults().port,
+            .port = [] { return port; },
             .isOriginAllowed =
                 [](const std::optional<std::string>& origin) {
                     question.asked = true;
@@ -79,7 +82,8 @@ struct Harness {
         server = HelperServer::create(std::make_unique<fuzzing::UnavailableTap>(),
                                       std::make_shared<fuzzing::RefusedPermission>(),
                                       std::make_shared<fuzzing::NoMicrophoneUsers>(), mainQueue,
-                                      std::move(policy));
+                                      std::move(policy), {}, HelperPass::keys(),
+                                      std::make_shared<fuzzing::OwnPeers>());
     }
 };
 
@@ -123,7 +127,12 @@ class OriginAdmission final : public WebSocketListenerDelegate {
             }
         }
         question = {};
-        const bool admitted = harness().server->admits(request);
+        // The server decides on the request as it arrives from one of this user's pages
+        // naming the helper in Host; a page it admits is answered 101.
+        auto asServed = request;
+        asServed.set(http::field::host, "127.0.0.1:" + std::to_string(port));
+        const bool admitted =
+            fuzzing::InMemoryPage(*harness().server, asServed, port).readUpgradeAnswer() == 101;
         if (!question.asked) failure("admission did not ask the origin hook", input_, {});
         if (question.origin != firstOrigin) {
             failure("the origin hook was not given the first Origin header", input_, {});

@@ -248,8 +248,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzzing::SocketPair sockets(context);
     auto handler = std::make_shared<EchoChecker>(limits.maxMessageBytes);
     {
-        auto session = std::make_shared<WebSocketSession>(
-            boost::beast::tcp_stream(std::move(sockets.server)), limits);
+        auto session =
+            WebSocketSession::overTcp(boost::beast::tcp_stream(std::move(sockets.server)), limits);
         session->accept(upgradeRequest(), handler, [] {});
     }
 

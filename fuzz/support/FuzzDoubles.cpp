@@ -1,5 +1,7 @@
 #include "support/FuzzDoubles.h"
 
+#include <unistd.h>
+
 #include "capture/CaptureError.h"
 
 namespace velmora::fuzzing {
@@ -14,6 +16,11 @@ void UnavailableTap::createDevice() {
 
 void UnavailableTap::startIO(SerialQueue&, InputHandler) {
     throw CaptureError::device("No system audio while fuzzing");
+}
+
+std::optional<PeerSocket> OwnPeers::find(const boost::asio::ip::tcp::endpoint&,
+                                         const boost::asio::ip::tcp::endpoint&) {
+    return PeerSocket{static_cast<std::uint32_t>(::getuid()), nextInode_++};
 }
 
 }  // namespace velmora::fuzzing

@@ -8,6 +8,7 @@
 #include "capture/AudioCapturePermission.h"
 #include "capture/AudioTap.h"
 #include "meetings/MicrophoneUsers.h"
+#include "server/PeerOwnerLookup.h"
 
 namespace velmora::fuzzing {
 
@@ -36,6 +37,20 @@ class NoMicrophoneUsers final : public MicrophoneUsers {
   public:
     std::vector<std::string> bundleIds() override { return {}; }
     std::int64_t processObjectCount() override { return 0; }
+};
+
+// Every peer is one of this user's processes, with a socket of its own.
+class OwnPeers final : public PeerOwnerLookup {
+  public:
+    std::optional<PeerSocket> find(const boost::asio::ip::tcp::endpoint&,
+                                   const boost::asio::ip::tcp::endpoint&) override;
+    std::unordered_map<std::uint64_t, int> processesHolding(
+        const std::unordered_set<std::uint64_t>&) override {
+        return {};
+    }
+
+  private:
+    std::uint64_t nextInode_ = 1;
 };
 
 }  // namespace velmora::fuzzing

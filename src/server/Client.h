@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "server/WebSocketSession.h"
 
@@ -20,9 +19,6 @@ struct Client {
     std::string origin;
     // From ready until dropped; only open clients are sent anything.
     bool open = false;
-    // A page handled without a connection (HelperServer::handleTextWithoutConnection) is sent
-    // its messages here instead.
-    std::vector<std::string>* outbox = nullptr;
 };
 
 }  // namespace velmora

@@ -167,33 +167,6 @@ HelperStatus HelperServer::status() {
     });
 }
 
-bool HelperServer::admits(const WebSocketSession::UpgradeRequest& request) {
-    return queue_->sync([&] {
-        VELMORA_ASSERT_ON_QUEUE(*queue_);
-        return admitLocked(request);
-    });
-}
-
-std::vector<std::string> HelperServer::handleTextWithoutConnection(const std::string& origin,
-                                                                   std::string_view text) {
-    return queue_->sync([&] {
-        VELMORA_ASSERT_ON_QUEUE(*queue_);
-        std::vector<std::string> sent;
-        auto client = std::make_shared<Client>();
-        client->origin = origin;
-        client->open = true;
-        client->outbox = &sent;
-        handleTextLocked(client, text);
-        // The drop of a page that closes, minus the connection it does not have.
-        client->open = false;
-        if (active_ == client) {
-            active_.reset();
-            stopCaptureLocked(false);
-        }
-        return sent;
-    });
-}
-
 void HelperServer::closeEverythingLocked() {
     stopCaptureLocked(false);
     cancelListenerLocked();

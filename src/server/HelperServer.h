@@ -83,15 +83,15 @@ class HelperServer final : public std::enable_shared_from_this<HelperServer> {
         return callWatch_.ownBundleId();
     }
 
-    // Seams for fuzzing the input handling without sockets; not callable from the queue.
-    // The origin decision on one upgrade request, exactly as a handshake from this user's own
-    // process, naming the helper in Host, gets it.
-    bool admits(const WebSocketSession::UpgradeRequest& request);
-    // Handles one text message from an open page of `origin` that has no connection, as a
-    // connected page's message is handled, and returns what that page is sent meanwhile. The
-    // page is then dropped, as a page that closes is.
-    std::vector<std::string> handleTextWithoutConnection(const std::string& origin,
-                                                         std::string_view text);
+    // Makes a page's session on the server's io_context, for a connection that reaches the helper
+    // other than through its listener.
+    using SessionMaker = std::function<std::shared_ptr<WebSocketSession>(boost::asio::io_context&)>;
+    // Serves one such connection, whose upgrade `request` has been read and whose ends are
+    // `endpoints`: admitted as the listener's connections are (peer, Host, origin, room), then
+    // answered and served by the session `makeSession` makes; a refused one is closed.
+    // Asynchronous.
+    void serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
+               ConnectionEndpoints endpoints);
 
   private:
     HelperServer(std::unique_ptr<AudioTap> tap, std::shared_ptr<AudioCapturePermission> permission,

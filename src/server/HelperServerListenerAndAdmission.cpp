@@ -90,6 +90,26 @@ std::shared_ptr<WebSocketSession::Handler> HelperServer::ListenerEvents::session
     if (!server) return nullptr;
     return std::make_shared<ClientEvents>(server_, server->acceptLocked(session));
 }
+
+void HelperServer::serve(SessionMaker makeSession, WebSocketSession::UpgradeRequest request,
+                         ConnectionEndpoints endpoints) {
+    auto arrival = std::make_shared<std::pair<SessionMaker, WebSocketSession::UpgradeRequest>>(
+        std::move(makeSession), std::move(request));
+    post([arrival, endpoints](HelperServer& self) {
+        VELMORA_ASSERT_ON_QUEUE(*self.queue_);
+        auto& [makeSession, request] = *arrival;
+        auto session = makeSession(self.queue_->context());
+        std::shared_ptr<WebSocketSession::Handler> handler;
+        if (self.admitConnectionLocked(request, endpoints, self.policy_.port()) ==
+            Admission::admitted) {
+            handler =
+                std::make_shared<ClientEvents>(self.weak_from_this(), self.acceptLocked(session));
+        }
+        // Without a handler the session closes the connection unanswered.
+        session->accept(std::move(request), std::move(handler), [] {});
+    });
+}
+
 // ---------------------------------------------------------------------------------------------
 // Listener and clients
 
@@ -267,11 +287,7 @@ void HelperServer::sendJSONLocked(const Client& client, const nlohmann::json& me
     if (!client.open) return;
     auto text = ProtocolMessages::serialize(message);
     if (!text) return;
-    if (client.outbox) {
-        client.outbox->push_back(std::move(*text));
-    } else {
-        client.connection->sendText(std::move(*text));
-    }
+    client.connection->sendText(std::move(*text));
 }
 
 }  // namespace velmora

@@ -7,7 +7,6 @@
 #include <boost/beast/websocket/stream.hpp>
 #include <boost/system/error_code.hpp>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <span>
@@ -31,8 +30,10 @@ boost::system::error_code make_error_code(WebSocketSessionError error);
 
 // One accepted WebSocket connection: answers the upgrade that the listener admitted, then reads
 // messages one at a time and writes queued messages one at a time. Every member, and every
-// handler call, runs on the thread of the io_context the socket belongs to.
-class WebSocketSession final : public std::enable_shared_from_this<WebSocketSession> {
+// handler call, runs on the thread of the io_context the connection belongs to. The server serves
+// pages over TCP (overTcp); BasicWebSocketSession runs the same session over any other stream,
+// such as an in-memory one whose operations can be made to fail.
+class WebSocketSession : public std::enable_shared_from_this<WebSocketSession> {
   public:
     using UpgradeRequest = boost::beast::http::request<boost::beast::http::empty_body>;
     using Bytes = std::vector<std::byte>;
@@ -55,62 +56,36 @@ class WebSocketSession final : public std::enable_shared_from_this<WebSocketSess
         virtual void ended(WebSocketSession& session, const boost::system::error_code& error) = 0;
     };
 
-    WebSocketSession(boost::beast::tcp_stream stream, const WebSocketLimits& limits);
+    // A session over an accepted TCP connection.
+    static std::shared_ptr<WebSocketSession> overTcp(boost::beast::tcp_stream stream,
+                                                     const WebSocketLimits& limits);
+
+    virtual ~WebSocketSession() = default;
 
     // Answers the upgrade and reports to `handler` from then on. `upgradeFinished` is called
     // once the answer is written or has failed.
-    void accept(UpgradeRequest request, std::shared_ptr<Handler> handler,
-                std::function<void()> upgradeFinished);
+    virtual void accept(UpgradeRequest request, std::shared_ptr<Handler> handler,
+                        std::function<void()> upgradeFinished) = 0;
 
     // Queue one complete message; ignored unless the session is open.
-    void sendText(std::string text);
-    void sendBinary(std::shared_ptr<const Bytes> data);
+    virtual void sendText(std::string text) = 0;
+    virtual void sendBinary(std::shared_ptr<const Bytes> data) = 0;
 
     // Ends the connection after what is already queued has been written, with a close frame;
     // a peer that does not finish the close within the handshake time is cut off.
-    void close();
+    virtual void close() = 0;
     // Cuts the connection at once.
-    void abort();
+    virtual void abort() = 0;
 
-    bool isOpen() const { return state_ == State::open; }
-    std::size_t queuedBytes() const { return queuedBytes_; }
-    std::size_t queuedMessages() const { return outgoing_.size(); }
-
-  private:
-    enum class State { handshaking, open, closing, ended };
-
-    struct Outgoing {
-        std::shared_ptr<const void> owner;
-        const void* data;
-        std::size_t size;
-        bool binary;
-    };
-
-    void enqueue(Outgoing message);
-    void writeNext();
-    void written(const boost::system::error_code& error);
-    void startClose();
-    void readNext();
-    void received(const boost::system::error_code& error);
-    void fail(const boost::system::error_code& reason);
-    void finish(const boost::system::error_code& error);
-    void finishUpgrade();
-
-    boost::beast::websocket::stream<boost::beast::tcp_stream> socket_;
-    WebSocketLimits limits_;
-    std::shared_ptr<Handler> handler_;
-    UpgradeRequest request_;
-    std::function<void()> upgradeFinished_;
-    boost::beast::flat_buffer readBuffer_;
-    std::deque<Outgoing> outgoing_;
-    std::size_t queuedBytes_ = 0;
-    bool writing_ = false;
-    bool closeStarted_ = false;
-    State state_ = State::handshaking;
-    // The first reason we ended the session for; it wins over the read error that follows.
-    boost::system::error_code endReason_;
-    std::shared_ptr<boost::asio::steady_timer> closeDeadline_;
+    virtual bool isOpen() const = 0;
+    virtual std::size_t queuedBytes() const = 0;
+    virtual std::size_t queuedMessages() const = 0;
 };
+
+// The TCP options a page connection gets once admitted; other streams have none.
+void tuneTransport(boost::beast::tcp_stream& stream, const WebSocketLimits& limits);
+template <class Stream>
+void tuneTransport(Stream&, const WebSocketLimits&) {}
 
 }  // namespace velmora
 

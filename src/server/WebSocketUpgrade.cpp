@@ -89,7 +89,7 @@ void WebSocketUpgrade::decide(WebSocketSession::UpgradeRequest request) {
             return;
     }
     handedOver_ = true;
-    session_ = std::make_shared<WebSocketSession>(std::move(stream_), limits_);
+    session_ = WebSocketSession::overTcp(std::move(stream_), limits_);
     auto handler = delegate_->sessionAdmitted(session_);
     session_->accept(std::move(request), std::move(handler),
                      [self = shared_from_this()] { self->finish(); });
