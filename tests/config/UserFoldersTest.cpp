@@ -112,6 +112,10 @@ TEST(UserFolders, WithoutAnyHomeThereIsNoFolderAndTheSettingsStayInMemory) {
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFEXITED(status));
+        if (WEXITSTATUS(status) == 11) {
+            GTEST_SKIP() << "a user without a password entry cannot reach " << work.path()
+                         << " (a root folder closed to other users, as in some chroots)";
+        }
         EXPECT_EQ(WEXITSTATUS(status), 0) << "HOME " << (homeValue ? homeValue : "unset");
         EXPECT_TRUE(std::filesystem::is_empty(work.path())) << "something was written";
     }

@@ -88,7 +88,7 @@ std::optional<ProbeResult> runPageProbe(std::uint16_t port, const std::string& o
                 ::getuid() != uid) {
                 ::_exit(3);
             }
-            if (::chdir("/") != 0) ::_exit(3);
+            if (::chdir("/") != 0) ::_exit(rootClosedToAccountExit);
         }
         if (identity.inUserNamespace) {
             if (::unshare(CLONE_NEWUSER) != 0) ::_exit(noUserNamespaceExit);

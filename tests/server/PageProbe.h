@@ -26,6 +26,9 @@ struct ProbeIdentity {
 };
 
 inline constexpr int noUserNamespaceExit = 4;
+// A child that became another account but cannot enter the root folder (some chroots close it
+// to other users) exits with this.
+inline constexpr int rootClosedToAccountExit = 5;
 
 // Runs the page probe in a child process that connects to the helper with this origin.
 // Nothing when the child could not be started.
