@@ -10,13 +10,7 @@ check="$source_dir/scripts/check-portable-core.sh"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); }
-fail() {
-    echo "FAILED: $*" >&2
-    failed=$((failed + 1))
-}
+source "$(dirname "${BASH_SOURCE[0]}")/tally.sh"
 
 # A core tree that the check accepts: POSIX headers in the core, Linux ones in platform folders.
 fresh_tree() {
@@ -102,5 +96,4 @@ accepted "eventfd in capture/pulse"
 plant src/server/Poll.cpp '#include <poll.h>'
 accepted "a POSIX header in server"
 
-echo "$passed passed, $failed failed"
-[ "$failed" -eq 0 ]
+summary

@@ -12,13 +12,7 @@ dev_build="${3:-}"
 work="$(mktemp -d /tmp/velmora-release-configure-test.XXXXXX)"
 trap 'rm -rf "$work"' EXIT
 
-passed=0
-failed=0
-pass() { passed=$((passed + 1)); }
-fail() {
-    echo "FAILED: $*" >&2
-    failed=$((failed + 1))
-}
+source "$(dirname "${BASH_SOURCE[0]}")/tally.sh"
 
 # Configures a fresh build folder with the arguments given; its output in $work/output.
 configure() {
@@ -106,5 +100,4 @@ else
     fail "could not list the targets of $dev_build: $targets"
 fi
 
-echo "$passed passed, $failed failed"
-[[ $failed -eq 0 ]]
+summary
