@@ -1,4 +1,5 @@
-find_package(Boost 1.81.0 EXACT REQUIRED CONFIG COMPONENTS url)
+# 1.81 is the oldest with Boost.URL as the helper uses it; later releases (Debian 13: 1.83) do too.
+find_package(Boost 1.81.0 REQUIRED CONFIG COMPONENTS url)
 find_package(OpenSSL 3 REQUIRED)
 find_package(nlohmann_json 3 REQUIRED)
 find_package(Threads REQUIRED)
