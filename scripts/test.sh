@@ -1,17 +1,22 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine and runs the whole test suite.
+# Sets up a fresh Debian 13 or 12 machine and runs the whole test suite.
 #   scripts/test.sh              debug build: unit, integration, sound-server and browser tests
+#   scripts/test.sh --packages   the same, then this release's packages: built, checked and
+#                                installed on this machine (as root; packaging/tests/end-to-end.sh)
 #   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, the thread-safety
-#                                analysis build, fuzzers, the packages' end-to-end test (as root)
+#                                analysis build, fuzzers, the packages (as root: end to end here,
+#                                and apt install, run and remove in a fresh root of this release)
 #                                and benchmarks
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 full=0
+packages=0
 for argument in "$@"; do
     case "$argument" in
-        --full) full=1 ;;
-        *) echo "usage: scripts/test.sh [--full]" >&2; exit 2 ;;
+        --full) full=1 packages=1 ;;
+        --packages) packages=1 ;;
+        *) echo "usage: scripts/test.sh [--packages | --full]" >&2; exit 2 ;;
     esac
 done
 
@@ -48,7 +53,20 @@ VELMORA_PASS_TOOL="$PWD/build/dev/tools/velmora-pass/velmora-pass" \
         bash web/run-tests.sh
 fi
 
+if [ "$packages" -eq 1 ]; then
+    if [ "$(id -u)" -ne 0 ]; then
+        echo "the package tests need root (apt, loop mounts, chroot)" >&2
+        exit 1
+    fi
+    echo "== packages: build, lintian, apt install, run, remove; the disk image's hand-over"
+    bash packaging/tests/end-to-end.sh build/packages
+fi
+
 if [ "$full" -eq 1 ]; then
+    echo "== packages: apt install, run and remove in a fresh root of this release"
+    bash packaging/tests/fresh-root-install.sh build/packages/velmora-audio-helper_*.deb \
+        build/packages/velmora-pass_*.deb
+
     run_preset asan
     # The threaded parts: queues, capture, server, the sound-server tests, the WebSocket stack and
     # the headless helper (the demo's settings test runs it); the preset builds without the tray.
@@ -64,13 +82,6 @@ if [ "$full" -eq 1 ]; then
         cmake --preset fuzz >/dev/null
         cmake --build --preset fuzz -j "$jobs"
         bash fuzz/run-all.sh build/fuzz 60
-    fi
-
-    if [ "$(id -u)" -eq 0 ]; then
-        echo "== packages: build, lintian, apt install, run, remove; the disk image's hand-over"
-        bash packaging/tests/end-to-end.sh build/packages
-    else
-        echo "== packages: skipped (the end-to-end package test needs root)"
     fi
 
     echo "== benchmarks (short run, no time assertion)"
