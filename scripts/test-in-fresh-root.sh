@@ -1,43 +1,68 @@
 #!/usr/bin/env bash
-# The README's test command on another Debian release, as a newcomer's machine runs it: a fresh
-# clone of this checkout's committed state in a freshly bootstrapped root of that release (only
-# Debian's minimal base, git and CA certificates), where scripts/test.sh installs everything
-# itself, builds and runs every test, then builds that release's packages and checks them as
-# packaging/tests/end-to-end.sh does. Their .debs are then installed, run and removed in a fresh
-# root of the same release (packaging/tests/fresh-root-install.sh).
-# Needs root. The roots come from the fresh-debian tool (FRESH_DEBIAN names it; by default the
-# one beside the project in shared/tools), which caches each release's base root.
-#   scripts/test-in-fresh-root.sh trixie|bookworm
+# The README's test command on a Debian release as a newcomer's machine runs it: a fresh clone of
+# this checkout's committed state in a fresh root of that release (only Debian's minimal base,
+# git and CA certificates to start from), where scripts/install-deps.sh installs everything and
+# `scripts/test.sh --packages` builds, runs every test, then builds that release's packages and
+# checks them as packaging/tests/end-to-end.sh does. The packages are then installed, run and
+# removed in another fresh root of the same release (packaging/tests/fresh-root-install.sh).
+# Needs root; scripts/fresh-root.sh says where the roots come from.
+#   scripts/test-in-fresh-root.sh SUITE             all of it (SUITE: trixie or bookworm)
+#   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR and install into it
+#                                                     (CI does this while other tests run)
+#   scripts/test-in-fresh-root.sh test DIR          the rest, in a root prepare made; removes it
 set -euo pipefail
 cd "$(dirname "$0")/.."
+source scripts/fresh-root.sh
 
-suite=${1:?usage: scripts/test-in-fresh-root.sh trixie|bookworm}
-case "$suite" in
-    trixie | bookworm) ;;
-    *) echo "test-in-fresh-root: Debian 13 (trixie) and Debian 12 (bookworm) are tested; not $suite" >&2
-       exit 2 ;;
-esac
-[ "$(id -u)" -eq 0 ] || { echo "test-in-fresh-root: needs root (chroot, bind mounts)" >&2; exit 2; }
-fresh_debian=${FRESH_DEBIAN:-$PWD/../shared/tools/fresh-debian.sh}
-[ -f "$fresh_debian" ] || { echo "test-in-fresh-root: no fresh-debian tool at $fresh_debian" >&2; exit 2; }
-
-output=$(mktemp)
-root=""
-cleanup() {
-    rm -f "$output"
-    # The tool unmounts before it says it kept the root.
-    if [ -n "$root" ] && ! mount | grep -qF "$root"; then rm -rf "$root"; fi
+usage() {
+    echo "usage: scripts/test-in-fresh-root.sh SUITE | prepare SUITE DIR | test DIR" >&2
+    exit 2
 }
-trap cleanup EXIT
+[ "$(id -u)" -eq 0 ] || { echo "test-in-fresh-root: needs root (chroot, bind mounts)" >&2; exit 2; }
 
-echo "== Debian $suite: the README's test command and the packages in a fresh root"
-status=0
-KEEP=1 SUITE=$suite PROJECT=$PWD bash "$fresh_debian" run 'bash scripts/test.sh --packages' |
-    tee "$output" || status=$?
-root=$(sed -n 's/^kept \(\/.*\)$/\1/p' "$output" | tail -1)
-[ "$status" -eq 0 ] || exit "$status"
+check_suite() {
+    case "$1" in
+        trixie | bookworm) ;;
+        *) echo "test-in-fresh-root: Debian 13 (trixie) and Debian 12 (bookworm) are tested, not $1" >&2
+           exit 2 ;;
+    esac
+}
 
-packages="$root/root/project/build/packages"
-helper_deb=$(ls "$packages"/velmora-audio-helper_*.deb)
-pass_deb=$(ls "$packages"/velmora-pass_*.deb)
-FRESH_DEBIAN=$fresh_debian bash packaging/tests/fresh-root-install.sh "$helper_deb" "$pass_deb"
+prepare() {
+    local suite=$1 root=$2
+    check_suite "$suite"
+    echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh"
+    trap 'fresh_root_unmount "$root"' EXIT
+    fresh_root_create "$suite" "$root"
+    git clone -q "$PWD" "$root/root/project"
+    # The mounts go while the root waits for its tests; they come back then.
+    local status=0
+    fresh_root_run "$root" 'cd /root/project && bash scripts/install-deps.sh' || status=$?
+    fresh_root_unmount "$root"
+    trap - EXIT
+    return "$status"
+}
+
+test_in() {
+    local root=$1
+    trap 'fresh_root_remove "$root"' EXIT
+    fresh_root_mount "$root"
+    local release
+    release=$(. "$root/etc/os-release" && echo "$PRETTY_NAME")
+    echo "== $release: the README's test command and the packages, in $root"
+    fresh_root_run "$root" 'cd /root/project && bash scripts/test.sh --packages'
+    local packages="$root/root/project/build/packages"
+    bash packaging/tests/fresh-root-install.sh "$packages"/velmora-audio-helper_*.deb \
+        "$packages"/velmora-pass_*.deb
+}
+
+case "${1:-}" in
+    prepare) [ $# -eq 3 ] || usage; prepare "$2" "$3" ;;
+    test) [ $# -eq 2 ] || usage; test_in "$2" ;;
+    "" | -*) usage ;;
+    *)
+        [ $# -eq 1 ] || usage
+        root=$(mktemp -u -d "/var/tmp/velmora-$1-root.XXXXXX")
+        prepare "$1" "$root" || { fresh_root_remove "$root"; exit 1; }
+        test_in "$root" ;;
+esac
