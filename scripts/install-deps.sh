@@ -27,11 +27,14 @@ if [ -r "$os_release" ]; then
 fi
 
 # What differs between the releases: Boost (Debian 12's default is 1.74, older than the helper
-# needs) and the LLVM whose clang and libFuzzer the fuzz and thread-safety builds use; the
-# unversioned `clang` package gives both releases the `clang`/`clang++` the presets name.
+# needs), where Qt's SVG plug-ins live, and the LLVM whose clang and libFuzzer the fuzz and
+# thread-safety builds use; the unversioned `clang` package gives both releases the
+# `clang`/`clang++` the presets name.
 case "$release_id:$release_codename" in
     debian:trixie)
-        release_packages=(libboost-dev libboost-url-dev clang libfuzzer-19-dev libclang-rt-19-dev) ;;
+        # Debian 13's libqt6svg6 holds no plug-ins: the tray's SVG icons need qt6-svg-plugins.
+        release_packages=(libboost-dev libboost-url-dev clang libfuzzer-19-dev libclang-rt-19-dev
+            qt6-svg-plugins) ;;
     debian:bookworm)
         release_packages=(libboost1.81-dev libboost-url1.81-dev clang libfuzzer-14-dev
             libclang-rt-14-dev) ;;

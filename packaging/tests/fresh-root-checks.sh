@@ -67,6 +67,8 @@ serve_and_end() {
     if [ "$what" = "display" ]; then
         wait_for log_has "No system tray is available on this desktop" ||
             fail "display: the tray module did not show the status: $(cat "$user_home/$what.out" "$log_file")"
+        ! log_has "status icons cannot be drawn" ||
+            fail "display: the package's dependencies leave the tray without its icons"
     fi
     kill -TERM "$helper"
     local status=0
@@ -84,8 +86,8 @@ wait_for test -s "$user_home/display" || fail "Xvfb did not start"
 DISPLAY=":$(cat "$user_home/display")" serve_and_end display
 kill "$xvfb"
 wait "$xvfb" 2>/dev/null || true
-say "display (Xvfb, no tray): the tray module shows the status in its window; a page gets hello;" \
-    "SIGTERM ends it with status 0"
+say "display (Xvfb, no tray): the tray module draws its icons and shows the status in its" \
+    "window; a page gets hello; SIGTERM ends it with status 0"
 
 cd /
 rm -rf "$user_home"

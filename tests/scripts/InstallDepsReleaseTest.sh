@@ -19,12 +19,14 @@ os_release debian trixie "Debian GNU/Linux 13 (trixie)"
 list=$(VELMORA_OS_RELEASE="$work/os-release" bash "$install_deps" --print) &&
     grep -qx libboost-dev <<<"$list" && grep -qx libboost-url-dev <<<"$list" &&
     grep -qx libfuzzer-19-dev <<<"$list" && grep -qx clang <<<"$list" &&
-    ! grep -q 1.81 <<<"$list" && pass || fail "Debian 13 gets its own Boost and LLVM: $list"
+    grep -qx qt6-svg-plugins <<<"$list" &&
+    ! grep -q 1.81 <<<"$list" && pass || fail "Debian 13 gets its own Boost, LLVM and SVG plug-ins: $list"
 
 os_release debian bookworm "Debian GNU/Linux 12 (bookworm)"
 list=$(VELMORA_OS_RELEASE="$work/os-release" bash "$install_deps" --print) &&
     grep -qx libboost1.81-dev <<<"$list" && grep -qx libboost-url1.81-dev <<<"$list" &&
     grep -qx libfuzzer-14-dev <<<"$list" && grep -qx qt6-base-dev <<<"$list" &&
+    ! grep -qx qt6-svg-plugins <<<"$list" &&
     pass || fail "Debian 12 gets Boost 1.81 and LLVM 14: $list"
 
 # Unknown releases: another distribution, a Debian release the script does not know, no file.

@@ -359,6 +359,19 @@ void SoundServer::writePipeWireConfig() {
                                                           "v4l2_monitor.enabled = false\n"
                                                           "libcamera_monitor.enabled = false\n";
     std::ofstream(bluetooth / "51-private-test-server.lua") << "bluez_monitor.enabled = false\n";
+    // WirePlumber 0.5 (Debian 13) reads no Lua configuration; it turns monitors off by profile.
+    const auto fragments = directory_ / "config" / "wireplumber" / "wireplumber.conf.d";
+    std::filesystem::create_directories(fragments);
+    std::ofstream(fragments / "51-private-test-server.conf") << "wireplumber.profiles = {\n"
+                                                                "  main = {\n"
+                                                                "    monitor.alsa = disabled\n"
+                                                                "    monitor.alsa-midi = disabled\n"
+                                                                "    monitor.bluez = disabled\n"
+                                                                "    monitor.bluez-midi = disabled\n"
+                                                                "    monitor.v4l2 = disabled\n"
+                                                                "    monitor.libcamera = disabled\n"
+                                                                "  }\n"
+                                                                "}\n";
 }
 
 void SoundServer::launchDaemons() {

@@ -9,7 +9,9 @@
 #include "app/HelperServices.h"
 #include "app/XdgAutostartLoginItem.h"
 #include "app/installer/AppInstaller.h"
+#include "app/TrayAppearance.h"
 #include "app/tray/AppDelegate.h"
+#include "app/tray/StatusIcons.h"
 #include "app/tray/TerminationSignals.h"
 #include "config/HelperInfo.h"
 #include "config/HelperSettings.h"
@@ -46,6 +48,12 @@ int runTrayApplication(const HelperArguments& arguments, const std::vector<std::
     QApplication::setApplicationDisplayName("Velmora Audio Helper");
     QApplication::setApplicationVersion(QString::fromStdString(HelperInfo::version()));
     QApplication::setDesktopFileName(HelperInfo::appId);
+    // Without Qt's SVG icon engine (Debian 13 ships it apart from the SVG library) the tray item
+    // is blank; the log says what to install.
+    if (statusIcon(TrayIcons::idle).pixmap(16, 16).isNull()) {
+        log("The tray's status icons cannot be drawn: Qt's SVG icon engine is missing (Debian: "
+            "install qt6-svg-plugins, or libqt6svg6 on Debian 12)");
+    }
     // Closing a dialog must not end a program whose home is the tray.
     QApplication::setQuitOnLastWindowClosed(false);
     // The X session manager must never start the helper again at the next login: start at login
