@@ -7,8 +7,9 @@
 # removed in another fresh root of the same release (packaging/tests/fresh-root-install.sh).
 # Needs root; scripts/fresh-root.sh says where the roots come from.
 #   scripts/test-in-fresh-root.sh SUITE             all of it (SUITE: trixie or bookworm)
-#   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR and install into it
-#                                                     (CI does this while other tests run)
+#   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR, install into it
+#                                     and build the dev preset (CI does this, at a low priority,
+#                                     while Debian 12's tests run)
 #   scripts/test-in-fresh-root.sh test DIR          the rest, in a root prepare made; removes it
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,13 +32,14 @@ check_suite() {
 prepare() {
     local suite=$1 root=$2
     check_suite "$suite"
-    echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh"
+    echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh, the build"
     trap 'fresh_root_unmount "$root"' EXIT
     fresh_root_create "$suite" "$root"
     git clone -q "$PWD" "$root/root/project"
     # The mounts go while the root waits for its tests; they come back then.
     local status=0
-    fresh_root_run "$root" 'cd /root/project && bash scripts/install-deps.sh' || status=$?
+    fresh_root_run "$root" 'cd /root/project && bash scripts/install-deps.sh &&
+        cmake --preset dev >/dev/null && cmake --build --preset dev -j "$(nproc)"' || status=$?
     fresh_root_unmount "$root"
     trap - EXIT
     return "$status"
