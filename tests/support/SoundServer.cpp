@@ -422,9 +422,11 @@ void SoundServer::createDevices() {
     if (kind_ == Kind::pipeWire) {
         createNullSink(speakers, 48000, 2);
         createNullSink(headphones, 44100, 2);
+        // A source of the class a real microphone has: WirePlumber 0.5 grants a snap with the
+        // audio-record plug only "Audio/Source" nodes (a virtual source counts as playback).
         auto result =
             run({"pactl", "load-module", "module-null-sink", std::string("sink_name=") + microphone,
-                 "media.class=Audio/Source/Virtual", "rate=48000", "channels=1"});
+                 "media.class=Audio/Source", "rate=48000", "channels=1"});
         if (!result.succeeded()) {
             fail("could not create the microphone: " + result.output);
         }
