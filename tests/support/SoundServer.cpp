@@ -360,18 +360,22 @@ void SoundServer::writePipeWireConfig() {
                                                           "libcamera_monitor.enabled = false\n";
     std::ofstream(bluetooth / "51-private-test-server.lua") << "bluez_monitor.enabled = false\n";
     // WirePlumber 0.5 (Debian 13) reads no Lua configuration; it turns monitors off by profile.
+    // Its snap access policy goes too: it keys on the client's own properties, so the tests'
+    // stand-in snaps would be cut off from the graph, while a real snap is named by the server.
     const auto fragments = directory_ / "config" / "wireplumber" / "wireplumber.conf.d";
     std::filesystem::create_directories(fragments);
-    std::ofstream(fragments / "51-private-test-server.conf") << "wireplumber.profiles = {\n"
-                                                                "  main = {\n"
-                                                                "    monitor.alsa = disabled\n"
-                                                                "    monitor.alsa-midi = disabled\n"
-                                                                "    monitor.bluez = disabled\n"
-                                                                "    monitor.bluez-midi = disabled\n"
-                                                                "    monitor.v4l2 = disabled\n"
-                                                                "    monitor.libcamera = disabled\n"
-                                                                "  }\n"
-                                                                "}\n";
+    std::ofstream(fragments / "51-private-test-server.conf") << R"(wireplumber.profiles = {
+  main = {
+    monitor.alsa = disabled
+    monitor.alsa-midi = disabled
+    monitor.bluez = disabled
+    monitor.bluez-midi = disabled
+    monitor.v4l2 = disabled
+    monitor.libcamera = disabled
+    script.client.access-snap = disabled
+  }
+}
+)";
 }
 
 void SoundServer::launchDaemons() {
@@ -422,11 +426,9 @@ void SoundServer::createDevices() {
     if (kind_ == Kind::pipeWire) {
         createNullSink(speakers, 48000, 2);
         createNullSink(headphones, 44100, 2);
-        // A source of the class a real microphone has: WirePlumber 0.5 grants a snap with the
-        // audio-record plug only "Audio/Source" nodes (a virtual source counts as playback).
         auto result =
             run({"pactl", "load-module", "module-null-sink", std::string("sink_name=") + microphone,
-                 "media.class=Audio/Source", "rate=48000", "channels=1"});
+                 "media.class=Audio/Source/Virtual", "rate=48000", "channels=1"});
         if (!result.succeeded()) {
             fail("could not create the microphone: " + result.output);
         }
