@@ -14,6 +14,9 @@ fresh_root_create() {
     SUITE=$suite FRESH_TAR=$tarball bash "$fresh_debian" make >/dev/null || return
     mkdir "$root" || return
     tar -C "$root" -xf "$tarball" || return
+    # The cached tarball keeps its temporary folder's 0700 as the root's mode, which shuts out
+    # every account but root (apt's download user and man-db's among them); / is 0755 on a machine.
+    chmod 755 "$root"
     fresh_root_mount "$root"
     if ls /usr/local/share/ca-certificates/*.crt >/dev/null 2>&1; then
         cp /usr/local/share/ca-certificates/*.crt "$root/usr/local/share/ca-certificates/"
@@ -24,6 +27,9 @@ fresh_root_create() {
 # Mounts what a root's programs need from this machine (again after fresh_root_unmount).
 fresh_root_mount() {
     local root=$1
+    # The root is a mount point of its own, as / is on a machine: tests that make a private mount
+    # namespace need one to change its propagation.
+    mount --bind "$root" "$root"
     mount --bind /proc "$root/proc"
     mount --rbind /dev "$root/dev" && mount --make-rslave "$root/dev"
     mount --bind /sys "$root/sys"
@@ -32,8 +38,7 @@ fresh_root_mount() {
 
 fresh_root_unmount() {
     local root=$1
-    umount -R "$root/dev" 2>/dev/null || true
-    umount "$root/proc" "$root/sys" 2>/dev/null || true
+    umount -R "$root" 2>/dev/null || true
 }
 
 # Runs COMMAND with bash in ROOT as root, with a clean environment.
@@ -49,7 +54,7 @@ fresh_root_remove() {
     local root=$1
     [ -d "$root" ] || return 0
     fresh_root_unmount "$root"
-    if mount | grep -qF " $root/"; then
+    if findmnt -rn -o TARGET | grep -qE "^$root(/|$)"; then
         echo "fresh-root: $root still has mounts; left in place" >&2
         return 1
     fi
