@@ -4,6 +4,10 @@
 # shared/tools), with this machine's /proc, /dev and /sys, name servers and local certificate
 # authorities. Needs root.
 
+# Ended by a signal, a script still runs its EXIT trap, which unmounts and removes its roots.
+trap 'exit 130' INT
+trap 'exit 143' TERM
+
 fresh_debian=${FRESH_DEBIAN:-$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)/../shared/tools/fresh-debian.sh}
 
 # Makes a fresh root of Debian SUITE (bookworm, trixie) at the new folder ROOT.
