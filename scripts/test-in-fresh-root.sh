@@ -8,8 +8,8 @@
 # Needs root; scripts/fresh-root.sh says where the roots come from.
 #   scripts/test-in-fresh-root.sh SUITE             all of it (SUITE: trixie or bookworm)
 #   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR, install into it
-#                                     and build the dev preset (CI does this, at a low priority,
-#                                     while Debian 12's tests run)
+#                                     and build the dev preset and the packages (CI does this, at
+#                                     a low priority, while Debian 12's tests run)
 #   scripts/test-in-fresh-root.sh test DIR          the rest, in a root prepare made; removes it
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -39,7 +39,9 @@ prepare() {
     # The mounts go while the root waits for its tests; they come back then.
     local status=0
     fresh_root_run "$root" 'cd /root/project && bash scripts/install-deps.sh &&
-        cmake --preset dev >/dev/null && cmake --build --preset dev -j "$(nproc)"' || status=$?
+        cmake --preset dev >/dev/null && cmake --build --preset dev -j "$(nproc)" &&
+        VELMORA_PACKAGES_BUILD_ONLY=1 bash packaging/tests/end-to-end.sh build/packages' ||
+        status=$?
     fresh_root_unmount "$root"
     trap - EXIT
     return "$status"
