@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian 12 machine, builds the helper and runs it, with a short end-to-end
+# Sets up a fresh Debian 13 or 12 machine, builds the helper and runs it, with a short end-to-end
 # demonstration and the demo page. Ctrl-C stops everything this script started.
 set -euo pipefail
 cd "$(dirname "$0")/.."

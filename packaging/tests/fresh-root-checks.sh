@@ -114,9 +114,10 @@ done </root/package.files)
 [ -z "$left" ] || fail "apt remove left the packages' own paths behind: $left"
 # Anything else the root gained, but for what Debian's system packages that the Qt and sound
 # libraries bring in (systemd, through D-Bus) leave by design when purged: the backups adduser
-# makes of the account files, the machine's id, /etc/mtab, and systemd's state folders.
+# makes of the account files (and its configuration, where the protected init keeps it), the
+# machine's id, /etc/mtab, and systemd's state folders.
 gained=$(comm -13 /root/before.files /root/after.files | grep -vxE \
-    '/etc/(shadow|gshadow|passwd|group)-|/etc/machine-id|/etc/mtab|/var/lib/private|/var/lib/systemd(/coredump|/pstore)?' || true)
+    '/etc/(shadow|gshadow|passwd|group)-|/etc/adduser.conf|/etc/machine-id|/etc/mtab|/var/lib/private|/var/lib/systemd(/coredump|/pstore)?' || true)
 lost=$(comm -23 /root/before.files /root/after.files)
 [ -z "$gained$lost" ] ||
     fail "apt remove and autoremove changed the root's paths: gained: $gained; lost: $lost"
