@@ -20,22 +20,9 @@ set -euo pipefail
 cd "$(dirname "$0")/../.."
 
 log_name=VelmoraAudioHelper.log
+check_name=end-to-end
 patience=30
-
-fail() {
-    echo "end-to-end: FAILED: $*" >&2
-    exit 1
-}
-step() { echo "== end-to-end: $*"; }
-
-# Waits up to $patience seconds for a command to succeed.
-wait_for() {
-    local deadline=$((SECONDS + patience))
-    until "$@"; do
-        [ $SECONDS -lt $deadline ] || return 1
-        sleep 0.2
-    done
-}
+source packaging/tests/check-steps.sh
 
 free_port() {
     local port

@@ -14,10 +14,8 @@ helper_deb=$(realpath "${1:?usage: fresh-root-install.sh HELPER_DEB PASS_DEB}")
 pass_deb=$(realpath "${2:?usage: fresh-root-install.sh HELPER_DEB PASS_DEB}")
 cd "$(dirname "$0")/../.."
 
-fail() {
-    echo "fresh-root-install: FAILED: $*" >&2
-    exit 1
-}
+check_name=fresh-root-install
+source packaging/tests/check-steps.sh
 [ "$(id -u)" -eq 0 ] || fail "needs root (chroot, bind mounts)"
 source scripts/fresh-root.sh
 
@@ -27,12 +25,12 @@ case "$version" in
     *~deb13) suite=trixie ;;
     *) fail "the package's version $version names no Debian release this test knows" ;;
 esac
-echo "== fresh-root-install: velmora-audio-helper $version in a fresh Debian $suite root"
+step "velmora-audio-helper $version in a fresh Debian $suite root"
 
 root=$(mktemp -u -d /var/tmp/velmora-fresh-root.XXXXXX)
 trap 'fresh_root_remove "$root"' EXIT
 fresh_root_create "$suite" "$root"
 mkdir -p "$root/root/packages"
 cp "$helper_deb" "$pass_deb" "$root/root/packages/"
-cp packaging/tests/fresh-root-checks.sh "$root/root/"
+cp packaging/tests/fresh-root-checks.sh packaging/tests/check-steps.sh "$root/root/"
 fresh_root_run "$root" 'bash /root/fresh-root-checks.sh /root/packages'
