@@ -7,9 +7,9 @@
 
 #include "access/HelperPass.h"
 #include "app/HelperServices.h"
+#include "app/TrayAppearance.h"
 #include "app/XdgAutostartLoginItem.h"
 #include "app/installer/AppInstaller.h"
-#include "app/TrayAppearance.h"
 #include "app/tray/AppDelegate.h"
 #include "app/tray/StatusIcons.h"
 #include "app/tray/TerminationSignals.h"

@@ -141,12 +141,12 @@ TEST_P(SandboxedMeetingAppOnPipeWireTest, OlderTeamsFlatpakIsReportedAsTeams) {
 TEST_P(SandboxedMeetingAppOnPipeWireTest, SnapNamedByTheServerIsReportedAsItsApplication) {
     // A snap-confined client that names itself generically: the snap's name is what counts. It
     // records, so its audio-record plug is connected.
-    auto recording = std::make_unique<RecordingStream>(RecordingStream::Options{
-        .serverAddress = server_->serverAddress(),
-        .source = SoundServer::microphone,
-        .properties = {{"application.process.binary", "electron"},
-                       {"pipewire.snap.id", "slack"},
-                       {"pipewire.snap.audio.record", "true"}}});
+    auto recording = std::make_unique<RecordingStream>(
+        RecordingStream::Options{.serverAddress = server_->serverAddress(),
+                                 .source = SoundServer::microphone,
+                                 .properties = {{"application.process.binary", "electron"},
+                                                {"pipewire.snap.id", "slack"},
+                                                {"pipewire.snap.audio.record", "true"}}});
     expectOnlyRecording(MeetingApp{"slack", "Slack", "com.tinyspeck.slackmacgap"});
 }
 
