@@ -1,9 +1,9 @@
 #include "server/HelperServer.h"
 
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
+#include "config/EndingThread.h"
 #include "config/HelperInfo.h"
 #include "server/DescriptorLimit.h"
 
@@ -75,13 +75,13 @@ HelperServer::~HelperServer() {
         return;
     }
     // The last owner let go inside one of our own callbacks. The queue cannot join its own
-    // thread, so another thread ends it once this callback has returned. Not the main queue:
+    // thread, so the ending thread ends it once this callback has returned. Not the main queue:
     // an owner may already have ended that one.
     VELMORA_ASSERT_ON_QUEUE(*queue_);
     publishing_ = false;
     closeEverythingLocked();
     queue_->stop();
-    std::thread([queue = std::move(queue_)]() mutable { queue.reset(); }).detach();
+    endOnEndingThread(std::move(queue_));
 }
 
 void HelperServer::wireCapture() {

@@ -5,13 +5,13 @@
 #include <pulse/timeval.h>
 
 #include <mutex>
-#include <thread>
 
 #include "capture/CaptureError.h"
 #include "capture/pulse/DefaultSinkWatch.h"
 #include "capture/pulse/PulseContext.h"
 #include "capture/pulse/PulseRecording.h"
 #include "config/AudioKit.h"
+#include "config/EndingThread.h"
 #include "config/Log.h"
 #include "config/SerialQueue.h"
 
@@ -115,9 +115,9 @@ PulseAudioTap::~PulseAudioTap() {
     watch_.reset();
     if (loop_->isLoopThread()) {
         // The last owner let go inside one of our callbacks (a listener holding it for a moment):
-        // the loop cannot stop its own thread, so another thread stops it once the callback has
-        // returned.
-        std::thread([loop = std::move(loop_)]() mutable { loop.reset(); }).detach();
+        // the loop cannot stop its own thread, so the ending thread stops it once the callback
+        // has returned.
+        endOnEndingThread(std::shared_ptr<PulseLoop>(std::move(loop_)));
     }
 }
 
