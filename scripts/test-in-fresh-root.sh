@@ -8,8 +8,8 @@
 # Needs root; scripts/fresh-root.sh says where the roots come from.
 #   scripts/test-in-fresh-root.sh SUITE             all of it (SUITE: trixie or bookworm)
 #   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR, install into it
-#                                     and build the dev preset and the packages (CI does this, at
-#                                     a low priority, while Debian 12's tests run)
+#                                     and build the dev preset and the packages (at a quiet
+#                                     moment, say, or at a low priority beside other work)
 #   scripts/test-in-fresh-root.sh test DIR          the rest, in a root prepare made; removes it
 set -euo pipefail
 cd "$(dirname "$0")/.."

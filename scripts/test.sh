@@ -3,10 +3,11 @@
 #   scripts/test.sh              debug build: unit, integration, sound-server and browser tests
 #   scripts/test.sh --packages   the same, then this release's packages: built, checked and
 #                                installed on this machine (as root; packaging/tests/end-to-end.sh)
-#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, the thread-safety
-#                                analysis build, fuzzers, the packages (as root: end to end here,
-#                                and apt install, run and remove in a fresh root of this release)
-#                                and benchmarks
+#   scripts/test.sh --full       the same, then ASan+UBSan and TSan runs, the fuzzers (built by
+#                                clang with its thread-safety analysis), the packages (as root: end
+#                                to end here, and apt install, run and remove in a fresh root of
+#                                this release) and benchmarks
+# Each step says how long it took, so that a slow one shows in a CI log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -26,6 +27,13 @@ bash scripts/check-portable-core.sh
 bash scripts/install-deps.sh
 jobs=$(nproc)
 
+step_started=$SECONDS
+step_done() {
+    echo "== $1: $((SECONDS - step_started)) s (${SECONDS} s since the start)"
+    step_started=$SECONDS
+}
+step_done "dependencies"
+
 # Builds a preset (all targets, or the ones named) and runs its tests. A test that fails is run
 # again once before it counts as failed: the sound-server and socket tests share two cores with
 # everything else, and a rerun tells a real failure from a starved one.
@@ -39,6 +47,7 @@ run_preset() {
     cmake --build --preset "$preset" -j "$jobs" "${targets[@]}"
     echo "== ${preset}: tests"
     ctest --preset "$preset" -j "$jobs" --repeat until-pass:2 -E '_NOT_BUILT$'
+    step_done "$preset"
 }
 
 export LSAN_OPTIONS="suppressions=$PWD/tests/sanitizers/lsan.supp:print_suppressions=0"
@@ -51,6 +60,7 @@ if [ -f web/run-tests.sh ]; then
     VELMORA_HELPER="$PWD/build/dev/src/app/velmora-audio-helper" \
 VELMORA_PASS_TOOL="$PWD/build/dev/tools/velmora-pass/velmora-pass" \
         bash web/run-tests.sh
+    step_done "page side"
 fi
 
 if [ "$packages" -eq 1 ]; then
@@ -60,12 +70,14 @@ if [ "$packages" -eq 1 ]; then
     fi
     echo "== packages: build, lintian, apt install, run, remove; the disk image's hand-over"
     bash packaging/tests/end-to-end.sh build/packages
+    step_done "packages"
 fi
 
 if [ "$full" -eq 1 ]; then
     echo "== packages: apt install, run and remove in a fresh root of this release"
     bash packaging/tests/fresh-root-install.sh build/packages/velmora-audio-helper_*.deb \
         build/packages/velmora-pass_*.deb
+    step_done "packages in a fresh root"
 
     run_preset asan
     # The threaded parts: queues, capture, server, the sound-server tests, the WebSocket stack and
@@ -73,15 +85,14 @@ if [ "$full" -eq 1 ]; then
     run_preset tsan config_tests capture_tests server_tests capture_pulse_tests \
         meetings_pulse_tests conformance_tests ws-conformance-server velmora-audio-helper
 
-    echo "== threads: clang's thread-safety analysis, warnings as errors (build only)"
-    cmake --preset threads >/dev/null
-    cmake --build --preset threads -j "$jobs"
-
     if [ -f fuzz/run-all.sh ]; then
-        echo "== fuzzers: 60 s each from the committed seed corpus"
+        # The fuzz preset is clang's build of the whole helper: it also runs clang's thread-safety
+        # analysis (what the threads preset checks), so one clang build serves both.
+        echo "== fuzzers, built with clang's thread-safety analysis: 60 s each from the seed corpus"
         cmake --preset fuzz >/dev/null
         cmake --build --preset fuzz -j "$jobs"
         bash fuzz/run-all.sh build/fuzz 60
+        step_done "fuzzers"
     fi
 
     echo "== benchmarks (short run, no time assertion)"
@@ -92,4 +103,5 @@ if [ "$full" -eq 1 ]; then
     # to judge (bench/streaming-cost --help for a full run on a release build).
     bash bench/streaming-cost --build build/dev --seconds 5 --clicks 10 ||
         echo "(streaming-cost could not run; no figure)"
+    step_done "benchmarks"
 fi
