@@ -7,16 +7,22 @@
 # removed in another fresh root of the same release (packaging/tests/fresh-root-install.sh).
 # Needs root; scripts/fresh-root.sh says where the roots come from.
 #   scripts/test-in-fresh-root.sh SUITE             all of it (SUITE: trixie or bookworm)
-#   scripts/test-in-fresh-root.sh prepare SUITE DIR   only make the root at DIR, install into it
-#                                     and build the dev preset and the packages (at a quiet
-#                                     moment, say, or at a low priority beside other work)
-#   scripts/test-in-fresh-root.sh test DIR          the rest, in a root prepare made; removes it
+#   scripts/test-in-fresh-root.sh prepare SUITE DIR [--build-packages]
+#                                     only make the root at DIR and install what the tests need
+#                                     into it (and, asked to, build the release's packages there)
+#   scripts/test-in-fresh-root.sh test DIR [OPTION...]
+#                                     the rest, in a root prepare made (the options go to
+#                                     scripts/test.sh); removes the root
+#   scripts/test-in-fresh-root.sh packages DIR
+#                                     only install, run and remove the packages that
+#                                     `prepare --build-packages` built; removes the root
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/fresh-root.sh
 
 usage() {
-    echo "usage: scripts/test-in-fresh-root.sh SUITE | prepare SUITE DIR | test DIR" >&2
+    echo "usage: scripts/test-in-fresh-root.sh SUITE | prepare SUITE DIR [--build-packages]" \
+        "| test DIR [OPTION...] | packages DIR" >&2
     exit 2
 }
 [ "$(id -u)" -eq 0 ] || { echo "test-in-fresh-root: needs root (chroot, bind mounts)" >&2; exit 2; }
@@ -30,39 +36,58 @@ check_suite() {
 }
 
 prepare() {
-    local suite=$1 root=$2
+    local suite=$1 root=$2 build_packages=${3:-}
     check_suite "$suite"
-    echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh, the build"
+    case "$build_packages" in
+        "" | --build-packages) ;;
+        *) usage ;;
+    esac
+    echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh"
     trap 'fresh_root_unmount "$root"' EXIT
     fresh_root_create "$suite" "$root"
     git clone -q "$PWD" "$root/root/project"
+    local commands='cd /root/project && bash scripts/install-deps.sh'
+    if [ -n "$build_packages" ]; then
+        echo "== Debian $suite: the release's packages, built in the root"
+        commands+=' && VELMORA_PACKAGES_BUILD_ONLY=1 bash packaging/tests/end-to-end.sh build/packages'
+    fi
     # The mounts go while the root waits for its tests; they come back then.
     local status=0
-    fresh_root_run "$root" 'cd /root/project && bash scripts/install-deps.sh &&
-        cmake --preset dev >/dev/null && cmake --build --preset dev -j "$(nproc)" &&
-        VELMORA_PACKAGES_BUILD_ONLY=1 bash packaging/tests/end-to-end.sh build/packages' ||
-        status=$?
+    fresh_root_run "$root" "$commands" || status=$?
     fresh_root_unmount "$root"
     trap - EXIT
     return "$status"
 }
 
-test_in() {
+install_packages() {
     local root=$1
-    trap 'fresh_root_remove "$root"' EXIT
-    fresh_root_mount "$root"
-    local release
-    release=$(. "$root/etc/os-release" && echo "$PRETTY_NAME")
-    echo "== $release: the README's test command and the packages, in $root"
-    fresh_root_run "$root" 'cd /root/project && bash scripts/test.sh --packages'
     local packages="$root/root/project/build/packages"
     bash packaging/tests/fresh-root-install.sh "$packages"/velmora-audio-helper_*.deb \
         "$packages"/velmora-pass_*.deb
 }
 
+test_in() {
+    local root=$1
+    shift
+    trap 'fresh_root_remove "$root"' EXIT
+    fresh_root_mount "$root"
+    local release
+    release=$(. "$root/etc/os-release" && echo "$PRETTY_NAME")
+    echo "== $release: the README's test command and the packages, in $root"
+    fresh_root_run "$root" "cd /root/project && bash scripts/test.sh --packages $*"
+    install_packages "$root"
+}
+
+packages_only() {
+    local root=$1
+    trap 'fresh_root_remove "$root"' EXIT
+    install_packages "$root"
+}
+
 case "${1:-}" in
-    prepare) [ $# -eq 3 ] || usage; prepare "$2" "$3" ;;
-    test) [ $# -eq 2 ] || usage; test_in "$2" ;;
+    prepare) [ $# -eq 3 ] || [ $# -eq 4 ] || usage; shift; prepare "$@" ;;
+    test) [ $# -ge 2 ] || usage; shift; test_in "$@" ;;
+    packages) [ $# -eq 2 ] || usage; packages_only "$2" ;;
     "" | -*) usage ;;
     *)
         [ $# -eq 1 ] || usage
