@@ -43,7 +43,8 @@ prepare() {
         *) usage ;;
     esac
     echo "== Debian $suite: a fresh root at $root, a fresh clone, scripts/install-deps.sh"
-    trap 'fresh_root_unmount "$root"' EXIT
+    # The path is written into the trap: it runs at exit, when this function's locals are gone.
+    trap "fresh_root_unmount $(printf %q "$root")" EXIT
     fresh_root_create "$suite" "$root"
     git clone -q "$PWD" "$root/root/project"
     local commands='cd /root/project && bash scripts/install-deps.sh'
@@ -69,7 +70,7 @@ install_packages() {
 test_in() {
     local root=$1
     shift
-    trap 'fresh_root_remove "$root"' EXIT
+    trap "fresh_root_remove $(printf %q "$root")" EXIT
     fresh_root_mount "$root"
     local release
     release=$(. "$root/etc/os-release" && echo "$PRETTY_NAME")
@@ -80,7 +81,7 @@ test_in() {
 
 packages_only() {
     local root=$1
-    trap 'fresh_root_remove "$root"' EXIT
+    trap "fresh_root_remove $(printf %q "$root")" EXIT
     install_packages "$root"
 }
 
