@@ -8,7 +8,7 @@
 #                                the threaded parts, the fuzzers (built by clang with its
 #                                thread-safety analysis) and the packages (as root: end to end
 #                                here, and apt install, run and remove in a fresh root of this
-#                                release). CI runs the debug run in a Debian 13 root instead.
+#                                release). CI uses it where the ASan run stands for the debug run.
 #   scripts/test.sh --full       all of the above
 # --packages and --benchmarks combine. Each step says how long it took, for CI's logs.
 set -euo pipefail
